@@ -1,0 +1,42 @@
+#pragma once
+
+#include "tq5ftdi.h"
+#include "ueventmonitor.h"
+
+// The handler of SIGINT, SIGTERM and SIGQUIT: asks the loop to end, then raises SIGPIPE. Where
+// SIGPIPE has its default action that ends the process at once, without clean-up; where the
+// parent left it ignored, the loop ends in order: bit-bang mode off, unit closed, exit status 0.
+void onSignal(int signalNumber);
+
+// The daemon: mirrors the alarms file onto the unit's pins and follows the unit's coming and
+// going.
+//
+//   alarm   none   ALARM1   ALARM2
+//   CBUS0   high   high     low
+//   CBUS1   high   low      high
+class AlarmDaemon {
+public:
+    // Prepares the driver, then applies the debug level of the settings.
+    AlarmDaemon();
+
+    // Runs until a stop signal; returns the process's exit status, always 0.
+    int run();
+
+private:
+    // How serving a unit ended: not begun, by a stop signal, by an event that reported the
+    // unit's removal, or by its device node found gone without one.
+    enum class End { notOpened, stopped, reported, unheard };
+
+    // Mirrors the alarms onto the open unit's pins until it is removed (and then closed) or a
+    // stop is requested.
+    End serveUnit(UeventMonitor& monitor);
+
+    // The removal check that ends each cycle and paces it: waits one second at most.
+    bool unitRemoved(UeventMonitor& monitor);
+
+    // Waits until a unit arrives, or until lost events call for a search (then `search` is
+    // set). False when a stop is requested.
+    static bool waitForUnit(UeventMonitor& monitor, bool& search);
+
+    TQ5Ftdi device;
+};

@@ -1,0 +1,205 @@
+#include "tq5ftdi.h"
+
+#include <libintl.h>
+
+#include <cassert>
+#include <cstring>
+
+#include "logger.h"
+
+namespace {
+
+constexpr int ft232rRelease = 0x0600;  // bcdDevice of the FT232R family
+constexpr const char* productMark = "TQ-5";
+constexpr int productSize = 512;
+
+// FT232R EEPROM: the low byte of word 10 (byte 0x14) holds the functions of CBUS0 (bits 0 to 3)
+// and CBUS1 (bits 4 to 7).
+constexpr int cbusFunctionsWord = 10;
+
+// CBUS bit-bang mask: bits 4 to 7 are the directions of CBUS0 to CBUS3 (1 for output), bits 0
+// to 3 their levels (FTDI AN_232R-01).
+constexpr std::uint8_t cbus01Outputs = 0x30;
+constexpr std::uint8_t cbus01Levels = 0x03;
+constexpr std::uint8_t cbusLevels = 0x0F;
+
+// The translation of one of the driver's messages: gettext's lookup with the context
+// "TQ5Ftdi|", 0x04 between context and message. Without a translation the message itself.
+const char* tr(const char* message) __attribute__((format_arg(1)));
+
+const char* tr(const char* message) {
+    const std::string key = std::string("TQ5Ftdi|\x04") + message;
+    const char* translation = gettext(key.c_str());
+    return key == translation ? message : translation;
+}
+
+}  // namespace
+
+std::string deviceNodePath(struct usb_device* dev) {
+    std::string result;
+    usb_bus* bus = dev->bus;
+    if (!bus->root_dev) {
+        result = std::string(bus->dirname) + "/" + dev->filename;
+    } else if (findDev(bus->root_dev, dev, result)) {
+        result = std::string(bus->dirname) + "/" + result;
+    }
+    logDebug2("device node path: '%s'", result.c_str());
+    return result;
+}
+
+bool findDev(struct usb_device* where, struct usb_device* dev, std::string& path) {
+    assert(where && "where is null");
+    if (where == dev)
+        return true;
+    for (int i = 0; i < where->num_children; ++i) {
+        struct usb_device* child = where->children[i];
+        if (child && findDev(child, dev, path)) {
+            path = path.empty() ? child->filename : std::string(child->filename) + "/" + path;
+            return true;
+        }
+    }
+    return false;
+}
+
+TQ5Ftdi::TQ5Ftdi() : ftdi() {
+    if (ftdi_init(&ftdi) < 0)
+        logError(tr("ftdi_init failed"));
+}
+
+TQ5Ftdi::~TQ5Ftdi() {
+    close();
+    if (ftdi.readbuffer)
+        ftdi_deinit(&ftdi);
+}
+
+bool TQ5Ftdi::openBySearch() {
+    logDebug2("search FTDI devices");
+    return openListed(nullptr);
+}
+
+bool TQ5Ftdi::openByNodePath(const std::string& path) {
+    logDebug2("open FTDI device by node path: '%s'", path.c_str());
+    if (path.empty())
+        return false;
+    return openListed(&path);
+}
+
+// Opens the first compatible unit of the library's list, or with a path the one at that path.
+bool TQ5Ftdi::openListed(const std::string* path) {
+    ftdi_device_list* list = nullptr;
+    bool opened = false;
+    const int count = ftdi_usb_find_all(&ftdi, &list, vendorId, productId);
+    if (count == 0) {
+        logDebug2("FTDI device is not found");
+    } else if (count < 0) {
+        logError(tr("ftdi_usb_find_all failed: %s"), ftdi_get_error_string(&ftdi));
+    } else {
+        logDebug2("number of FTDI devices found: %d", count);
+        const ftdi_device_list* element = list;
+        for (int i = 0; i < count && !opened; ++i, element = element->next) {
+            struct usb_device* dev = element->dev;
+            logDebug2("checking device: %d", i);
+            // With a path given it is compared first: units elsewhere are not even asked for
+            // their product string.
+            if (path && deviceNodePath(dev) != *path)
+                continue;
+            if (!checkChipType(dev) || !openDevice(dev))
+                continue;
+            nodePath = path ? *path : deviceNodePath(dev);
+            logInfo(tr("opened FTDI device '%s' (%s)"), description.c_str(), nodePath.c_str());
+            opened = true;
+        }
+    }
+    if (list)
+        ftdi_list_free(&list);
+    return opened;
+}
+
+bool TQ5Ftdi::checkChipType(struct usb_device* dev) {
+    if (dev->descriptor.bcdDevice == ft232rRelease)
+        return checkProduct(dev);
+    logDebug1("FTDI device: unexpected chip type (bcdDevice = '%04X')",
+              static_cast<unsigned>(dev->descriptor.bcdDevice));
+    logWarning(tr("FTDI device is not compatible"));
+    return false;
+}
+
+bool TQ5Ftdi::checkProduct(struct usb_device* dev) {
+    char product[productSize] = "";
+    if (ftdi_usb_get_strings(&ftdi, dev, nullptr, 0, product, productSize, nullptr, 0) < 0) {
+        logError(tr("ftdi_usb_get_strings failed: %s"), ftdi_get_error_string(&ftdi));
+        return false;
+    }
+    if (!strcasestr(product, productMark)) {
+        logWarning(tr("unknown FTDI device '%s'"), product);
+        return false;
+    }
+    description = product;
+    return true;
+}
+
+bool TQ5Ftdi::openDevice(struct usb_device* dev) {
+    if (ftdi_usb_open_dev(&ftdi, dev) < 0) {
+        logError(tr("unable to open ftdi device: %s"), ftdi_get_error_string(&ftdi));
+        return false;
+    }
+    if (checkEeprom())
+        return true;
+    closeDevice(true);
+    return false;
+}
+
+bool TQ5Ftdi::checkEeprom() {
+    unsigned short word = 0;
+    if (ftdi_read_eeprom_location(&ftdi, cbusFunctionsWord, &word) < 0) {
+        logError(tr("ftdi_read_eeprom failed: %s"), ftdi_get_error_string(&ftdi));
+        return false;
+    }
+    const int cbus0 = word & 0x0F;
+    const int cbus1 = (word >> 4) & 0x0F;
+    if (cbus0 == CBUS_IOMODE && cbus1 == CBUS_IOMODE)
+        return true;
+    logError(tr("FTDI device '%s': cbus functions (cbus0=%d, cbus1=%d) are not configured"),
+             description.c_str(), cbus0, cbus1);
+    return false;
+}
+
+void TQ5Ftdi::closeDevice(bool reset) {
+    if (!ftdi.usb_dev)
+        return;
+    if (ftdi.bitbang_enabled)
+        ftdi_disable_bitbang(&ftdi);
+    if (reset)
+        usb_reset(ftdi.usb_dev);
+    ftdi_usb_close(&ftdi);
+    description.clear();
+    nodePath.clear();
+}
+
+bool TQ5Ftdi::setPins(std::uint8_t value) {
+    const std::uint8_t mask = value | cbus01Outputs;
+    logDebug2("using bitmask 0x%02x\n", static_cast<unsigned>(mask));
+    const int result = ftdi_set_bitmode(&ftdi, mask, BITMODE_CBUS);
+    if (result != 0) {
+        logError(tr("ftdi_set_bitmode failed(%d) for 0x%02x: %s"), result,
+                 static_cast<unsigned>(mask), ftdi_get_error_string(&ftdi));
+        return false;
+    }
+    unsigned char pins = 0;
+    if (ftdi_read_pins(&ftdi, &pins) < 0) {
+        logError(tr("ftdi_read_pins failed: %s"), ftdi_get_error_string(&ftdi));
+        return false;
+    }
+    logDebug2("current ftdi pins: 0x%02x\n", static_cast<unsigned>(pins & cbusLevels));
+    const unsigned expected = value & cbus01Levels;
+    const unsigned current = pins & cbus01Levels;
+    if (expected == current)
+        return true;
+    logError(tr("set FTDI device pins failed: expected=%02x, current=%02x"), expected, current);
+    return false;
+}
+
+void TQ5Ftdi::close() {
+    logInfo(tr("close FTDI device '%s' (%s)"), description.c_str(), nodePath.c_str());
+    closeDevice(false);
+}

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <ftdi.h>
+#include <usb.h>
+
+#include <cstdint>
+#include <string>
+
+// The node path of a device listed by libusb, as uevents give it: bus directory, "/", device
+// file (for example 001/004). Behind an external hub the hub's file stands between the two.
+// Empty when the device is not in its bus's tree.
+std::string deviceNodePath(struct usb_device* dev);
+
+// Searches the tree below `where`, which must not be null, for `dev`, and puts the chain of
+// device files that leads to it, joined by "/", before `path`. False when it is not there.
+bool findDev(struct usb_device* where, struct usb_device* dev, std::string& path);
+
+// The alarm-output unit: an FT232R whose product string contains "TQ-5" and whose EEPROM gives
+// CBUS0 and CBUS1 to bit-bang mode. Owns one libftdi context and at most one open unit; every
+// failure is logged and told by a false result.
+class TQ5Ftdi {
+public:
+    // USB IDs of every FT232R.
+    static constexpr int vendorId = 0x0403;
+    static constexpr int productId = 0x6001;
+
+    TQ5Ftdi();
+    TQ5Ftdi(const TQ5Ftdi&) = delete;
+    TQ5Ftdi& operator=(const TQ5Ftdi&) = delete;
+
+    // Leaves bit-bang mode, closes an open unit and releases the context.
+    virtual ~TQ5Ftdi();
+
+    // Opens the first compatible unit among all attached ones. Only while none is open.
+    bool openBySearch();
+
+    // Opens the unit at this node path if it is compatible; an empty path fails at once. Only
+    // while none is open.
+    bool openByNodePath(const std::string& path);
+
+    // Drives CBUS0 (bit 0 of `value`) and CBUS1 (bit 1), 1 for high, and reads them back: true
+    // only when they read as written. The unit stays open either way.
+    bool setPins(std::uint8_t value);
+
+    // Leaves bit-bang mode and closes the unit; without one only the message is logged.
+    void close();
+
+    // The node path of the open unit, empty when none is open. For reading.
+    std::string nodePath;
+
+private:
+    bool checkChipType(struct usb_device* dev);
+    bool checkProduct(struct usb_device* dev);
+    bool checkEeprom();
+    bool openDevice(struct usb_device* dev);
+    bool openListed(const std::string* path);
+    void closeDevice(bool reset);
+
+    ftdi_context ftdi;
+    std::string description;
+};
