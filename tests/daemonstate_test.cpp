@@ -1,0 +1,54 @@
+#include "daemonstate.h"
+
+#include "logger.h"
+#include "world.h"
+
+namespace {
+
+using DaemonStateTest = WorldTest;
+
+TEST_F(DaemonStateTest, FollowsTheLogLevelAndTheAlarms) {
+    struct Step {
+        const char* file;
+        const char* text;
+        int level;
+        Lines debug;
+    } const steps[] = {
+        {"primary", "[CU/params/3]\nlogdebug = 2", 2, {"<7>debug level changed to 2"}},
+        {"primary", "[cu/params/3]\nLogDebug = 2\n", 2, {}},
+        {"overlay", "[cu/params/3]\nLogDebug = 7", 3, {"<7>debug level changed to 3"}},
+        {"primary", "", 3, {"<7>debug level changed to 3"}},  // 7 differs from 3 each time
+        {"overlay", "[cu/params/3]\nLogDebug = 1 x", 0, {}},
+        {"overlay", "[cu/params/3]\nLogDebug = \" 1\"", 1, {"<7>debug level changed to 1"}},
+        {"overlay", "[cu/params/3]\nLogDebug = 0x1", 0, {}},
+    };
+    DaemonState::settings = IniFile(folder + "/primary", folder + "/overlay");
+    std::time_t mtime = 100;
+    for (const Step& step : steps) {
+        SCOPED_TRACE(step.text);
+        write(step.file, step.text, ++mtime);
+        world.trace.clear();
+        reloadSettings();
+        EXPECT_EQ(SysLog::instance()->debugLevel, step.level);
+        Lines debug;
+        for (const std::string& line : world.trace) {
+            if (line[0] == '<')
+                debug.push_back(line);
+        }
+        EXPECT_EQ(debug, step.debug);
+        world.trace.clear();
+        reloadSettings();
+        EXPECT_EQ(world.trace, Lines{});
+    }
+
+    DaemonState::alarms = IniFile(folder + "/alarms");
+    EXPECT_FALSE(reloadAlarms());
+    write("alarms", "ALARM1=", 5);
+    EXPECT_TRUE(reloadAlarms());
+    EXPECT_FALSE(reloadAlarms());
+    std::remove((folder + "/alarms").c_str());
+    EXPECT_FALSE(reloadAlarms());
+    EXPECT_FALSE(DaemonState::alarms.hasKey("", "ALARM1"));
+}
+
+}  // namespace

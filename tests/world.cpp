@@ -1,0 +1,221 @@
+#include "world.h"
+
+#include <fcntl.h>
+#include <libintl.h>
+#include <sys/stat.h>
+#include <syslog.h>
+
+#include <cstdarg>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include "logger.h"
+
+World world;
+
+namespace {
+
+int logMask = 0xff;
+unsigned char levels = 0;
+unsigned char readBuffer = 0;
+
+std::string format(const char* text, ...) {
+    char buffer[1024];
+    va_list arguments;
+    va_start(arguments, text);
+    vsnprintf(buffer, sizeof buffer, text, arguments);
+    va_end(arguments);
+    return buffer;
+}
+
+}  // namespace
+
+World::World() {
+    std::strcpy(bus.dirname, "001");
+}
+
+struct usb_device& World::attach(const std::string& file, const std::string& product) {
+    attached.emplace_back();
+    Attached& last = attached.back();
+    last.product = product;
+    last.device.bus = &bus;
+    last.device.descriptor.bcdDevice = 0x0600;
+    std::strcpy(last.device.filename, file.c_str());
+    return last.device;
+}
+
+void World::add(const std::string& line) {
+    trace.push_back(line);
+    if (onTrace)
+        onTrace(line);
+}
+
+int World::result(const std::string& call) {
+    std::deque<int>& scripted = results[call];
+    if (scripted.empty())
+        return 0;
+    const int value = scripted.front();
+    scripted.pop_front();
+    return value;
+}
+
+Lines World::take() {
+    Lines lines;
+    for (const std::string& line : trace) {
+        if (line.compare(0, 3, "<7>") != 0)
+            lines.push_back(line);
+    }
+    trace.clear();
+    return lines;
+}
+
+WorldTest::WorldTest() {
+    char pattern[] = "/tmp/pinwatchd-test-XXXXXX";
+    folder = mkdtemp(pattern);
+    world.~World();
+    new (&world) World;
+    SysLog::release();
+    SysLog::instance()->configure(0, 0, false);
+    world.trace.clear();
+}
+
+WorldTest::~WorldTest() {
+    EXPECT_TRUE(world.listFreed);
+    std::filesystem::remove_all(folder);
+}
+
+std::string WorldTest::write(const std::string& name, const std::string& text,
+                             std::time_t mtime) const {
+    const std::string file = folder + "/" + name;
+    std::ofstream(file, std::ios::binary) << text;
+    const timespec times[] = {{mtime, 0}, {mtime, 0}};
+    EXPECT_EQ(utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
+    return file;
+}
+
+extern "C" {
+
+void vsyslog(int priority, const char* text, va_list arguments) {
+    if ((LOG_MASK(LOG_PRI(priority)) & logMask) == 0)
+        return;
+    char buffer[1024];
+    vsnprintf(buffer, sizeof buffer, text, arguments);
+    world.add(format("<%d>%s", priority, buffer));
+}
+
+void openlog(const char* ident, int options, int facility) {
+    world.add(format("openlog %s 0x%x %d", ident ? ident : "null", static_cast<unsigned>(options),
+                     facility));
+}
+
+void closelog() {
+    world.add("closelog");
+}
+
+int setlogmask(int mask) {
+    world.add(format("setlogmask 0x%x", static_cast<unsigned>(mask)));
+    logMask = mask;
+    return 0;
+}
+
+int isatty(int) {
+    return world.terminal ? 1 : 0;
+}
+
+char* gettext(const char* id) {
+    const auto entry = world.translations.find(id);
+    return const_cast<char*>(entry == world.translations.end() ? id : entry->second.c_str());
+}
+
+int usb_reset(usb_dev_handle*) {
+    world.add("usb_reset");
+    return -1;
+}
+
+int ftdi_init(ftdi_context* context) {
+    const int result = world.result("ftdi_init");
+    if (result == 0)
+        context->readbuffer = &readBuffer;
+    return result;
+}
+
+void ftdi_deinit(ftdi_context*) {
+    world.add("ftdi_deinit");
+}
+
+char* ftdi_get_error_string(ftdi_context*) {
+    return const_cast<char*>("reason");
+}
+
+int ftdi_usb_find_all(ftdi_context*, ftdi_device_list** list, int vendor, int product) {
+    world.add(format("find_all %04x:%04x", static_cast<unsigned>(vendor),
+                     static_cast<unsigned>(product)));
+    if (const int result = world.result("find_all"))
+        return result;
+    for (World::Attached& unit : world.attached) {
+        unit.element.dev = &unit.device;
+        *list = &unit.element;
+        world.listFreed = false;
+        list = &unit.element.next;
+    }
+    return static_cast<int>(world.attached.size());
+}
+
+void ftdi_list_free(ftdi_device_list** list) {
+    EXPECT_EQ(*list, &world.attached.front().element);
+    world.listFreed = true;
+}
+
+int ftdi_usb_get_strings(ftdi_context*, struct usb_device* dev, char* manufacturer, int,
+                         char* product, int productSize, char* serial, int) {
+    EXPECT_FALSE(manufacturer || serial);
+    EXPECT_EQ(productSize, 512);
+    for (const World::Attached& unit : world.attached) {
+        if (&unit.device == dev)
+            std::strcpy(product, unit.product.c_str());
+    }
+    return world.result("get_strings");
+}
+
+int ftdi_usb_open_dev(ftdi_context* context, struct usb_device* dev) {
+    world.add(format("open %s", dev->filename));
+    const int result = world.result("open");
+    if (result == 0)
+        context->usb_dev = reinterpret_cast<usb_dev_handle*>(dev);
+    return result;
+}
+
+int ftdi_usb_close(ftdi_context* context) {
+    world.add("usb_close");
+    context->usb_dev = nullptr;
+    return -1;
+}
+
+int ftdi_read_eeprom_location(ftdi_context*, int location, unsigned short* word) {
+    world.add(format("eeprom %d", location));
+    *word = world.eepromWord;
+    return world.result("eeprom");
+}
+
+int ftdi_set_bitmode(ftdi_context* context, unsigned char mask, unsigned char mode) {
+    world.add(format("bitmode %02x %02x", mask, mode));
+    const int result = world.result("bitmode");
+    if (result == 0) {
+        context->bitbang_enabled = 1;
+        levels = mask & 0x0f;
+    }
+    return result;
+}
+
+int ftdi_read_pins(ftdi_context*, unsigned char* pins) {
+    *pins = world.pinsRead < 0 ? levels : static_cast<unsigned char>(world.pinsRead);
+    return world.result("read_pins");
+}
+
+int ftdi_disable_bitbang(ftdi_context* context) {
+    world.add("disable_bitbang");
+    context->bitbang_enabled = 0;
+    return -1;
+}
+}

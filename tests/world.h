@@ -1,0 +1,58 @@
+#pragma once
+
+#include <ftdi.h>
+#include <gtest/gtest.h>
+#include <usb.h>
+
+#include <ctime>
+#include <deque>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+using Lines = std::vector<std::string>;
+
+// What the code under test meets instead of libftdi, libusb, gettext, syslog and a terminal.
+// Each call, and each message that passes the log's mask, is one line of the trace.
+struct World {
+    Lines trace;
+    // Called for each new line, so that a test can act in the middle of a run.
+    std::function<void(const std::string&)> onTrace;
+
+    std::map<std::string, std::deque<int>> results;  // by call, used up in order; then success
+    std::map<std::string, std::string> translations;
+    unsigned short eepromWord = 0x00aa;
+    int pinsRead = -1;  // what the pins read; -1 for the levels written last
+    bool listFreed = true;
+    bool terminal = false;
+
+    struct Attached {
+        struct usb_device device = {};
+        std::string product;
+        ftdi_device_list element = {};
+    };
+    usb_bus bus = {};
+    std::deque<Attached> attached;
+
+    World();
+    struct usb_device& attach(const std::string& file, const std::string& product = "TQ-5 unit");
+    void add(const std::string& line);
+    int result(const std::string& call);
+    // The trace so far, without the messages of debug level 1 to 3; the next one starts empty.
+    Lines take();
+};
+
+extern World world;
+
+// A new world, a log at level 0 and an empty folder for each test.
+class WorldTest : public testing::Test {
+protected:
+    WorldTest();
+    ~WorldTest() override;
+
+    // Writes a file of the folder with this modification time; returns its path.
+    std::string write(const std::string& name, const std::string& text, std::time_t mtime) const;
+
+    std::string folder;
+};
