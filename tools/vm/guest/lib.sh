@@ -10,8 +10,13 @@ stateDir=/run/pinwatchd-vm
 sysLog=$stateDir/syslog
 simLog=$stateDir/sim
 simInput=$stateDir/sim.fifo
+escape=$(printf '\033')
+green="${escape}[32m"
+red="${escape}[31m"
+plain="${escape}[0m"
 # The script's own arguments choose among its scenarios.
 chosenScenarios=$*
+daemonPid=$(cat "$stateDir/pinwatchd.pid" 2>/dev/null)
 
 # ---- Waiting ----
 
@@ -54,6 +59,8 @@ staysTrue() {
 # fail TEXT: ends the scenario, with the ends of both logs.
 fail() {
     echo "  failed: $*"
+    # Typed in a shell, a command that fails must not end the VM.
+    case $- in *i*) return 1 ;; esac
     echo "  --- end of the system log"
     tail -n 25 "$sysLog" 2>/dev/null | sed 's/^/  /'
     echo "  --- end of the units' log"
@@ -160,6 +167,23 @@ timesSim() {
 # simShows TEXT [N]: true if at least N lines (1) of the units' log contain TEXT.
 simShows() {
     [ "$(timesSim "$1")" -ge "${2:-1}" ]
+}
+
+# lampsOf UNIT: prints the two outputs as the unit's last line draws them.
+lampsOf() {
+    sed -n "s/^[0-9.]* unit $1: \\(.*\\) pins=.*/\\1/p" "$simLog" | tail -n 1
+}
+
+# drawLamps: copies its input, with the lamps in colour if this run's output is a terminal.
+drawLamps() {
+    local line
+    while IFS= read -r line; do
+        if [ -n "${VM_TERMINAL:-}" ]; then
+            # shellcheck disable=SC3060 # busybox sh knows this form
+            line=${line//●/$green●$plain} line=${line//○/$red○$plain}
+        fi
+        printf '%s\n' "$line"
+    done
 }
 
 # pinsOf UNIT: prints what the unit's last line shows: 00 to 03 (CBUS0 plus twice CBUS1) or

@@ -1,0 +1,82 @@
+# shellcheck shell=dash disable=SC2154 # variables of lib.sh
+# The main job as a story: what is written to the alarms file, and what the unit shows then.
+# With --shell it stops where a shell takes over.
+
+steps=0
+
+# step TEXT: the next step begins; time counts from the action that follows.
+step() {
+    steps=$((steps + 1))
+    printf '%d. %s\n' "$steps" "$1"
+    uptimeCs
+    began=$uptime
+}
+
+# alarmStep TEXT CONTENT: publishes the content and shows it.
+alarmStep() {
+    step "$1"
+    printf '%s\n' "$2" | sed 's/^/       | /'
+    publishAlarm "$2"
+}
+
+# seen VALUE: waits until the unit's pins have it and shows its lamps.
+seen() {
+    expectPins 0 "$1"
+    uptimeCs
+    printf '   %s   after %d.%02d s\n\n' "$(lampsOf 0 | drawLamps)" \
+        $(((uptime - began) / 100)) $(((uptime - began) % 100))
+}
+
+[ "${1:-}" = --shell ] && shell=1 || shell=
+
+echo "pinwatchd on $(uname -sr), $(uname -m), with a virtual TQ-5 on a virtual USB port"
+echo "Outputs: $(echo '● high, ○ low (an alarm takes one output low), - not driven' | drawLamps)"
+echo
+
+startStory() {
+    freshState
+    plugAndWait 0
+}
+
+startStory
+step "The unit is attached, there is no alarms file, and the daemon starts."
+startDaemon --ignore-sigpipe
+seen 03
+
+if [ -z "$shell" ]; then
+    alarmStep "Another program writes $alarmsFile with ALARM1." "[front door]
+ALARM1=open"
+    seen 01
+
+    alarmStep "It adds ALARM2, which takes precedence." "[front door]
+ALARM1=open
+[boiler]
+ALARM2=too hot"
+    seen 02
+
+    alarmStep "Both alarms are over." "[front door]
+[boiler]"
+    seen 03
+
+    step "The daemon is told to stop (SIGTERM): it leaves the outputs undriven and ends."
+    stopDaemon TERM
+    seen floating
+    expect daemonEndedWith 0
+    expectLog "close FTDI device"
+
+    endProcesses
+    echo "All $steps steps were seen at the unit."
+    exit 0
+fi
+
+cat <<EOF
+Try, for example:
+    publishAlarm '[door]
+    ALARM1=1'                write $alarmsFile
+    sim unplug 0             take the unit off; sim plug 0 brings it back
+    sim stall 0 0b           let the unit refuse writes; sim stall 0 none ends that
+    cat $sysLog
+    exit                     end the VM
+What happens at the unit appears as it happens. tq5sim --help tells what the lines mean.
+EOF
+tail -n 0 -f "$simLog" | drawLamps &
