@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ctime>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,11 @@
 #include "vhci.h"
 
 namespace {
+
+// The kernel takes a unit off its port and forgets it on its own time, and slower while it
+// enumerates others: about half a second each.
+constexpr int portPollMs = 2;
+constexpr int portWaitMs = 10000;
 
 constexpr char help[] =
     "Usage: tq5sim\n"
@@ -27,6 +33,7 @@ constexpr char help[] =
     "  plug N [product=TEXT] [bcd=HEX] [eeprom=HEX]\n"
     "                  attach unit N to port N of the controller (from 0). Defaults:\n"
     "                  product=\"TQ-5 alarm unit\" bcd=0600 eeprom=00aa (EEPROM word 10)\n"
+    "                  (waits until the kernel has forgotten the last unit on this port)\n"
     "  unplug N        take the unit off\n"
     "  stall N REQUEST fail this vendor request (hex: 0b bit mode, 0c read pins, 90 read EEPROM)\n"
     "  stall N none    answer all requests again\n"
@@ -69,26 +76,33 @@ public:
 
 private:
     bool serve(unsigned number, Connection& connection);
-    void readCommands();
+    void readInput();
     void execute(const std::string& line);
-    void plug(const Command& command);
+    void continuePlug();
+    long long elapsedMs() const;
     void report(unsigned number, const Unit& unit, const std::string& event) const;
+    void reportGone(unsigned number, const std::string& event) const;
 
     const bool colour;
     timespec start;
     bool running = true;
     std::string input;
+    std::optional<Command> waitingPlug;  // holds back the commands after it
+    long long plugDeadlineMs = 0;
     std::map<unsigned, Connection> connections;
 };
 
 void Simulator::run() {
     while (running) {
-        std::vector<pollfd> waits = {{STDIN_FILENO, POLLIN, 0}};
+        // One command a pass, so that many of them do not keep the units from answering.
+        const bool idle = !waitingPlug && input.find('\n') == std::string::npos;
+        std::vector<pollfd> waits = {{idle ? STDIN_FILENO : -1, POLLIN, 0}};
         for (const auto& [number, connection] : connections) {
             const int events = connection.hasToSend() ? POLLIN | POLLOUT : POLLIN;
             waits.push_back({connection.socket, static_cast<short>(events), 0});
         }
-        if (poll(waits.data(), waits.size(), -1) < 0) {
+        const int timeoutMs = idle ? -1 : waitingPlug ? portPollMs : 0;
+        if (poll(waits.data(), waits.size(), timeoutMs) < 0) {
             continue;  // a signal that stopped and continued the process
         }
         auto wait = waits.begin() + 1;
@@ -96,13 +110,20 @@ void Simulator::run() {
             const bool alive = wait->revents == 0 || serve(it->first, it->second);
             it = alive ? std::next(it) : connections.erase(it);
         }
-        if (waits[0].revents != 0) {
-            readCommands();
+        if (waitingPlug) {
+            continuePlug();
+        } else if (!idle) {
+            const std::size_t end = input.find('\n');
+            const std::string line = input.substr(0, end);
+            input.erase(0, end + 1);
+            execute(line);
+        } else if (waits[0].revents != 0) {
+            readInput();
         }
     }
-    for (const auto& [number, connection] : connections) {
-        detachPort(number);
-        report(number, connection.unit, "unplugged");
+    for (const auto& entry : connections) {
+        detachPort(entry.first);
+        reportGone(entry.first, "unplugged");
     }
     connections.clear();
 }
@@ -119,30 +140,18 @@ bool Simulator::serve(unsigned number, Connection& connection) {
     }
     alive = connection.send() && alive;
     if (!alive) {
-        report(number, connection.unit, "unplugged by the kernel");
+        reportGone(number, "unplugged by the kernel");
     }
     return alive;
 }
 
-void Simulator::readCommands() {
+void Simulator::readInput() {
     char buffer[4096];
     const ssize_t got = read(STDIN_FILENO, buffer, sizeof buffer);
-    if (got < 0 && (errno == EINTR || errno == EAGAIN)) {
-        return;
-    }
     if (got > 0) {
         input.append(buffer, static_cast<std::size_t>(got));
-    } else if (!input.empty()) {
-        input += '\n';  // a last line without its end counts too
-    }
-    std::size_t end;
-    while (running && (end = input.find('\n')) != std::string::npos) {
-        const std::string line = input.substr(0, end);
-        input.erase(0, end + 1);
-        execute(line);
-    }
-    if (got <= 0) {
-        running = false;
+    } else if (got == 0 || (errno != EINTR && errno != EAGAIN)) {
+        input += "\nquit\n";
     }
 }
 
@@ -160,13 +169,17 @@ void Simulator::execute(const std::string& line) {
         running = false;
         return;
     }
-    if (command.kind == Command::Kind::plug) {
-        plug(command);
+    const auto found = connections.find(command.unit);
+    const bool plugged = found != connections.end();
+    if (plugged == (command.kind == Command::Kind::plug)) {
+        printError("unit " + std::to_string(command.unit) +
+                   (plugged ? " is plugged already" : " is not plugged"));
         return;
     }
-    const auto found = connections.find(command.unit);
-    if (found == connections.end()) {
-        printError("unit " + std::to_string(command.unit) + " is not plugged");
+    if (!plugged) {
+        waitingPlug = command;
+        plugDeadlineMs = elapsedMs() + portWaitMs;
+        continuePlug();
         return;
     }
     Unit& unit = found->second.unit;
@@ -179,37 +192,54 @@ void Simulator::execute(const std::string& line) {
         report(command.unit, unit, "pins " + (command.byte ? byte : "auto"));
     } else {
         detachPort(command.unit);
-        report(command.unit, unit, "unplugged");
+        reportGone(command.unit, "unplugged");
         connections.erase(found);
     }
 }
 
-void Simulator::plug(const Command& command) {
-    if (connections.count(command.unit) != 0) {
-        printError("unit " + std::to_string(command.unit) + " is plugged already");
-        return;
-    }
+// Plugs the waiting unit as soon as its port is free, or gives it up.
+void Simulator::continuePlug() {
+    const unsigned number = waitingPlug->unit;
+    const PortState state = portState(number);
     std::string error;
-    const int socket = attachPort(command.unit, error);
+    if (state == PortState::busy) {
+        if (elapsedMs() < plugDeadlineMs) {
+            return;
+        }
+        error = "port " + std::to_string(number) + " stays in use";
+    } else if (state == PortState::missing) {
+        error = "the controller has no port " + std::to_string(number);
+    }
+    const UnitOptions options = waitingPlug->options;
+    waitingPlug.reset();
+    const int socket = error.empty() ? attachPort(number, error) : -1;
     if (socket < 0) {
         printError(error);
         return;
     }
-    const Unit unit(command.options, command.unit);
-    connections.try_emplace(command.unit, socket, unit);
-    report(command.unit, unit,
-           "plugged bcd=" + hex(command.options.bcdDevice, 4) +
-               " eeprom=" + hex(command.options.eepromWord10, 4) + " product=\"" +
-               command.options.product + "\"");
+    const Unit unit(options, number);
+    connections.try_emplace(number, socket, unit);
+    report(number, unit,
+           "plugged bcd=" + hex(options.bcdDevice, 4) + " eeprom=" + hex(options.eepromWord10, 4) +
+               " product=\"" + options.product + "\"");
+}
+
+long long Simulator::elapsedMs() const {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (static_cast<long long>(now.tv_sec) - start.tv_sec) * 1000 +
+           (now.tv_nsec - start.tv_nsec) / 1000000;
 }
 
 void Simulator::report(unsigned number, const Unit& unit, const std::string& event) const {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    const long long ms = (static_cast<long long>(now.tv_sec) - start.tv_sec) * 1000 +
-                         (now.tv_nsec - start.tv_nsec) / 1000000;
+    const long long ms = elapsedMs();
     std::printf("%lld.%03lld unit %u: %s %s\n", ms / 1000, ms % 1000, number,
                 lamps(unit, colour).c_str(), event.c_str());
+}
+
+// Without power nothing is driven, whatever the unit was told before.
+void Simulator::reportGone(unsigned number, const std::string& event) const {
+    report(number, Unit(UnitOptions(), number), event);
 }
 
 }  // namespace

@@ -1,18 +1,19 @@
 #include "vhci.h"
 
 #include <fcntl.h>
+#include <glob.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 
 namespace {
 
 // Documentation/ABI/testing/sysfs-platform-usbip-vudc and drivers/usb/usbip/vhci_sysfs.c of the
 // kernel: the first controller, whose full-speed ports count from 0.
+constexpr char controller[] = "/sys/devices/platform/vhci_hcd.0";
 constexpr char attachFile[] = "/sys/devices/platform/vhci_hcd.0/attach";
 constexpr char detachFile[] = "/sys/devices/platform/vhci_hcd.0/detach";
 constexpr char statusFile[] = "/sys/devices/platform/vhci_hcd.0/status";
@@ -21,8 +22,7 @@ constexpr unsigned portIsFree = 4;       // VDEV_ST_NULL
 constexpr unsigned fullSpeed = 2;        // USB_SPEED_FULL
 constexpr unsigned busNumber = 1 << 16;  // upper half of a devid; must not be 0
 
-constexpr int portWaitMs = 2000;
-
+// Empty when it cannot be read.
 std::string readFile(const char* path) {
     std::string text;
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
@@ -50,26 +50,25 @@ bool writeFile(const char* path, const std::string& text) {
     return written;
 }
 
-bool waitForFreePort(unsigned port, std::string& error) {
-    constexpr timespec oneMs = {0, 1000000};
-    for (int waitedMs = 0; waitedMs < portWaitMs; ++waitedMs) {
-        const PortState state = portState(readFile(statusFile), port);
-        if (state == PortState::free) {
-            return true;
+// Whether a device is still known as the one on the port, or as one that was.
+bool isDeviceKnown(unsigned port) {
+    const std::string pattern =
+        std::string(controller) + "/usb*/*-" + std::to_string(port + 1) + "/speed";
+    glob_t found;
+    bool known = false;
+    if (glob(pattern.c_str(), 0, nullptr, &found) == 0) {
+        for (std::size_t i = 0; i < found.gl_pathc; ++i) {
+            // The controller's SuperSpeed ports have the same numbers.
+            known = known || readFile(found.gl_pathv[i]) == "12\n";
         }
-        if (state == PortState::missing) {
-            error = "the controller has no port " + std::to_string(port);
-            return false;
-        }
-        nanosleep(&oneMs, nullptr);
+        globfree(&found);
     }
-    error = "port " + std::to_string(port) + " is in use";
-    return false;
+    return known;
 }
 
 }  // namespace
 
-PortState portState(const std::string& statusText, unsigned port) {
+PortState parsePortState(const std::string& statusText, unsigned port) {
     for (std::size_t at = 0; at < statusText.size();) {
         unsigned listedPort = 0;
         unsigned state = 0;
@@ -83,6 +82,11 @@ PortState portState(const std::string& statusText, unsigned port) {
     return PortState::missing;
 }
 
+PortState portState(unsigned port) {
+    const PortState state = parsePortState(readFile(statusFile), port);
+    return state == PortState::free && isDeviceKnown(port) ? PortState::busy : state;
+}
+
 std::string vhciObstacle() {
     if (access(attachFile, F_OK) != 0) {
         return "no virtual USB controller here: load the module vhci-hcd";
@@ -94,9 +98,6 @@ std::string vhciObstacle() {
 }
 
 int attachPort(unsigned port, std::string& error) {
-    if (!waitForFreePort(port, error)) {
-        return -1;
-    }
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
         error = std::string("no socket pair: ") + std::strerror(errno);
