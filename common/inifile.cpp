@@ -26,14 +26,12 @@ bool readLines(std::FILE* file, std::deque<std::string>& lines) {
     for (;;) {
         std::memset(buffer, 0, sizeof buffer);
         if (!std::fgets(buffer, readBufferSize, file)) {
-            if (!std::feof(file))
-                return false;
+            if (!std::feof(file)) return false;
             lines.push_back(std::move(pending));
             return true;
         }
         const std::size_t length = std::strlen(buffer);
-        if (length == 0)
-            continue;
+        if (length == 0) continue;
         if (buffer[length - 1] != '\n') {
             pending.append(buffer, length);
             continue;
@@ -52,8 +50,7 @@ bool CaseInsensitiveLess::operator()(const std::string& a, const std::string& b)
 
 std::time_t modificationTime(const std::string& path) {
     struct stat status {};
-    if (stat(path.c_str(), &status) == 0)
-        return static_cast<std::int32_t>(status.st_mtime);
+    if (stat(path.c_str(), &status) == 0) return static_cast<std::int32_t>(status.st_mtime);
     return errno == ENOENT ? 0 : -1;
 }
 
@@ -64,17 +61,14 @@ IniFile::IniFile(const std::string& primary, const std::string& overlay)
 
 bool IniFile::load(const std::string& path) {
     std::FILE* file = std::fopen(path.c_str(), "r");
-    if (!file)
-        return false;
+    if (!file) return false;
 
     std::deque<std::string> lines;
     const bool locked = flock(fileno(file), LOCK_SH) == 0;
     const bool complete = readLines(file, lines);
-    if (locked)
-        flock(fileno(file), LOCK_UN);
+    if (locked) flock(fileno(file), LOCK_UN);
     std::fclose(file);
-    if (!complete)
-        return false;
+    if (!complete) return false;
 
     std::string currentSection;
     for (std::string& line : lines)
@@ -84,8 +78,7 @@ bool IniFile::load(const std::string& path) {
 
 void IniFile::interpret(std::string& line, std::string& currentSection) {
     trim(line);
-    if (line.empty() || line.front() == ';' || line.front() == '#')
-        return;
+    if (line.empty() || line.front() == ';' || line.front() == '#') return;
 
     if (line.front() == '[' && line.back() == ']') {
         trim(line, sectionSet);
@@ -94,14 +87,12 @@ void IniFile::interpret(std::string& line, std::string& currentSection) {
     }
 
     const std::size_t equals = line.find('=');
-    if (equals == std::string::npos || equals == 0)
-        return;
+    if (equals == std::string::npos || equals == 0) return;
     std::string key = line.substr(0, equals);
     trimRight(key);
     std::string value = line.substr(equals + 1);
     trim(value);
-    if (!value.empty() && value.front() == '"' && value.back() == '"')
-        trim(value, quoteSet);
+    if (!value.empty() && value.front() == '"' && value.back() == '"') trim(value, quoteSet);
     sections[currentSection][key] = std::move(value);
 }
 
@@ -114,20 +105,16 @@ void IniFile::reloadIfChanged() {
     const std::time_t primaryTime = modificationTime(primaryPath);
     if (primaryTime != primaryMtime) {
         clear();
-        if (load(primaryPath))
-            primaryMtime = primaryTime;
+        if (load(primaryPath)) primaryMtime = primaryTime;
     }
-    if (overlayPath.empty())
-        return;
+    if (overlayPath.empty()) return;
     const std::time_t overlayTime = modificationTime(overlayPath);
-    if (overlayTime != overlayMtime && load(overlayPath))
-        overlayMtime = overlayTime;
+    if (overlayTime != overlayMtime && load(overlayPath)) overlayMtime = overlayTime;
 }
 
 const std::string* IniFile::find(const std::string& section, const std::string& key) const {
     const auto sectionEntry = sections.find(section);
-    if (sectionEntry == sections.end())
-        return nullptr;
+    if (sectionEntry == sections.end()) return nullptr;
     const auto keyEntry = sectionEntry->second.find(key);
     return keyEntry == sectionEntry->second.end() ? nullptr : &keyEntry->second;
 }

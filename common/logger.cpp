@@ -30,8 +30,7 @@ void SysLog::release() {
 }
 
 void SysLog::setIdent(const std::string& newIdent) {
-    if (newIdent == ident)
-        return;
+    if (newIdent == ident) return;
     ident = newIdent;
     reopen();
 }
@@ -46,8 +45,7 @@ void SysLog::configure(int newOptions, int newFacility, bool newConsoleIfTty) {
 
 void SysLog::setDebugLevel(int level) {
     // Compared before clamping: a level out of range reopens the log each time it is set.
-    if (level == debugLevel)
-        return;
+    if (level == debugLevel) return;
     debugLevel = std::clamp(level, 0, maxDebugLevel);
     reopen();
     debug("debug level changed to %i", debugLevel);
@@ -56,8 +54,7 @@ void SysLog::setDebugLevel(int level) {
 void SysLog::reopen() {
     closelog();
     setlogmask(debugLevel == 0 ? maskWithoutDebug : maskAll);
-    if (options == 0)
-        options = LOG_ODELAY;
+    if (options == 0) options = LOG_ODELAY;
     if (consoleIfTty && isatty(STDERR_FILENO) == 1) {
         options |= LOG_PERROR;
     } else {
@@ -68,8 +65,7 @@ void SysLog::reopen() {
 }
 
 void SysLog::debug(const char* format, ...) {
-    if (debugLevel <= 0)
-        return;
+    if (debugLevel <= 0) return;
     va_list arguments;
     va_start(arguments, format);
     vsyslog(LOG_DEBUG, format, arguments);
@@ -98,8 +94,7 @@ void logInfo(const char* format, ...) {
 }
 
 void logDebug1(const char* format, ...) {
-    if (SysLog::instance()->debugLevel < 1)
-        return;
+    if (SysLog::instance()->debugLevel < 1) return;
     va_list arguments;
     va_start(arguments, format);
     vsyslog(LOG_DEBUG, format, arguments);
@@ -107,8 +102,7 @@ void logDebug1(const char* format, ...) {
 }
 
 void logDebug2(const char* format, ...) {
-    if (SysLog::instance()->debugLevel < 2)
-        return;
+    if (SysLog::instance()->debugLevel < 2) return;
     va_list arguments;
     va_start(arguments, format);
     vsyslog(LOG_DEBUG, format, arguments);
@@ -116,8 +110,7 @@ void logDebug2(const char* format, ...) {
 }
 
 void logDebug3(const char* format, ...) {
-    if (SysLog::instance()->debugLevel < 3)
-        return;
+    if (SysLog::instance()->debugLevel < 3) return;
     va_list arguments;
     va_start(arguments, format);
     vsyslog(LOG_DEBUG, format, arguments);

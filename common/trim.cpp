@@ -16,6 +16,5 @@ void trimRight(std::string& text, const char* set) {
 
 void trim(std::string& text, const char* set) {
     trimLeft(text, set);
-    if (!text.empty())
-        trimRight(text, set);
+    if (!text.empty()) trimRight(text, set);
 }

@@ -47,8 +47,7 @@ private:
 std::string findDeviceNode(const std::string& nodePath) {
     for (const char* root : {"/dev/bus/usb/", "/proc/bus/usb/"}) {
         std::string node = root + nodePath;
-        if (access(node.c_str(), F_OK) == 0)
-            return node;
+        if (access(node.c_str(), F_OK) == 0) return node;
     }
     return "";
 }
@@ -65,9 +64,7 @@ void onSignal(int) {
     kill(getpid(), SIGPIPE);
 }
 
-AlarmDaemon::AlarmDaemon() {
-    applyLogLevel();
-}
+AlarmDaemon::AlarmDaemon() { applyLogLevel(); }
 
 int AlarmDaemon::run() {
     signal(SIGINT, onSignal);
@@ -81,19 +78,15 @@ int AlarmDaemon::run() {
         if (search ? device.openBySearch()
                    : monitor.added && device.openByNodePath(monitor.nodePath)) {
             end = serveUnit(monitor);
-            if (!DaemonState::running)
-                return 0;
+            if (!DaemonState::running) return 0;
         }
         // A unit that went unheard may have a successor that came unheard.
         search = end == End::unheard;
-        if (search)
-            continue;
+        if (search) continue;
 
         logDebug2("wait device inserted");
-        if (end == End::reported && monitor.deviceStays())
-            continue;
-        if (!waitForUnit(monitor, search))
-            return 0;
+        if (end == End::reported && monitor.deviceStays()) continue;
+        if (!waitForUnit(monitor, search)) return 0;
     }
 }
 
@@ -101,22 +94,19 @@ AlarmDaemon::End AlarmDaemon::serveUnit(UeventMonitor& monitor) {
     AlarmMask mask = evaluateAlarmMask(DaemonState::alarms);
     AlarmMask lastWritten = nothingWritten;
     DaemonState::running = 1;
-    if (DaemonState::stopRequested)
-        DaemonState::running = 0;
+    if (DaemonState::stopRequested) DaemonState::running = 0;
     const std::string deviceNode = findDeviceNode(device.nodePath);
 
     do {
         reloadSettings();
-        if (reloadAlarms())
-            mask = evaluateAlarmMask(DaemonState::alarms);
+        if (reloadAlarms()) mask = evaluateAlarmMask(DaemonState::alarms);
 
         bool writeFailed = false;
         if (mask != lastWritten) {
             if (device.setPins(pinValues[mask])) {
                 lastWritten = mask;
             } else {
-                if (!DaemonState::running)
-                    break;
+                if (!DaemonState::running) break;
                 writeFailed = true;
             }
         }
@@ -137,10 +127,8 @@ AlarmDaemon::End AlarmDaemon::serveUnit(UeventMonitor& monitor) {
 
 bool AlarmDaemon::unitRemoved(UeventMonitor& monitor) {
     const StopSignalsBlocked blocked;
-    if (!DaemonState::running)
-        return false;
-    if (!monitor.hasSocket())
-        blocked.pause();
+    if (!DaemonState::running) return false;
+    if (!monitor.hasSocket()) blocked.pause();
     return monitor.checkRemoved(device.nodePath) && !monitor.added;
 }
 
@@ -152,10 +140,8 @@ bool AlarmDaemon::waitForUnit(UeventMonitor& monitor, bool& search) {
             search = true;
             return true;
         }
-        if (monitor.waitForDevice(TQ5Ftdi::vendorId, TQ5Ftdi::productId))
-            return true;
-        if (!monitor.hasSocket())
-            blocked.pause();
+        if (monitor.waitForDevice(TQ5Ftdi::vendorId, TQ5Ftdi::productId)) return true;
+        if (!monitor.hasSocket()) blocked.pause();
     }
     return false;
 }

@@ -12,10 +12,8 @@ AlarmMask evaluateAlarmMask(const IniFile& alarms) {
 
     AlarmMask result = 0;
     for (const std::string& name : names) {
-        if (alarms.hasKey(name, alarm1Key))
-            result |= 1;
-        if (alarms.hasKey(name, alarm2Key))
-            return 2;
+        if (alarms.hasKey(name, alarm1Key)) result |= 1;
+        if (alarms.hasKey(name, alarm2Key)) return 2;
     }
     return result;
 }

@@ -26,8 +26,7 @@ void applyLogLevel() {
     int level = 0;
     toInt(DaemonState::settings.value("cu/params/3", "LogDebug", ""), level, 10);
     SysLog* log = SysLog::instance();
-    if (log->debugLevel != level)
-        log->setDebugLevel(level);
+    if (log->debugLevel != level) log->setDebugLevel(level);
 }
 
 void reloadSettings() {

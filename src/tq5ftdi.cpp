@@ -49,8 +49,7 @@ std::string deviceNodePath(struct usb_device* dev) {
 
 bool findDev(struct usb_device* where, struct usb_device* dev, std::string& path) {
     assert(where && "where is null");
-    if (where == dev)
-        return true;
+    if (where == dev) return true;
     for (int i = 0; i < where->num_children; ++i) {
         struct usb_device* child = where->children[i];
         if (child && findDev(child, dev, path)) {
@@ -62,14 +61,12 @@ bool findDev(struct usb_device* where, struct usb_device* dev, std::string& path
 }
 
 TQ5Ftdi::TQ5Ftdi() : ftdi() {
-    if (ftdi_init(&ftdi) < 0)
-        logError(tr("ftdi_init failed"));
+    if (ftdi_init(&ftdi) < 0) logError(tr("ftdi_init failed"));
 }
 
 TQ5Ftdi::~TQ5Ftdi() {
     close();
-    if (ftdi.readbuffer)
-        ftdi_deinit(&ftdi);
+    if (ftdi.readbuffer) ftdi_deinit(&ftdi);
 }
 
 bool TQ5Ftdi::openBySearch() {
@@ -79,8 +76,7 @@ bool TQ5Ftdi::openBySearch() {
 
 bool TQ5Ftdi::openByNodePath(const std::string& path) {
     logDebug2("open FTDI device by node path: '%s'", path.c_str());
-    if (path.empty())
-        return false;
+    if (path.empty()) return false;
     return openListed(&path);
 }
 
@@ -101,23 +97,19 @@ bool TQ5Ftdi::openListed(const std::string* path) {
             logDebug2("checking device: %d", i);
             // With a path given it is compared first: units elsewhere are not even asked for
             // their product string.
-            if (path && deviceNodePath(dev) != *path)
-                continue;
-            if (!checkChipType(dev) || !openDevice(dev))
-                continue;
+            if (path && deviceNodePath(dev) != *path) continue;
+            if (!checkChipType(dev) || !openDevice(dev)) continue;
             nodePath = path ? *path : deviceNodePath(dev);
             logInfo(tr("opened FTDI device '%s' (%s)"), description.c_str(), nodePath.c_str());
             opened = true;
         }
     }
-    if (list)
-        ftdi_list_free(&list);
+    if (list) ftdi_list_free(&list);
     return opened;
 }
 
 bool TQ5Ftdi::checkChipType(struct usb_device* dev) {
-    if (dev->descriptor.bcdDevice == ft232rRelease)
-        return checkProduct(dev);
+    if (dev->descriptor.bcdDevice == ft232rRelease) return checkProduct(dev);
     logDebug1("FTDI device: unexpected chip type (bcdDevice = '%04X')",
               static_cast<unsigned>(dev->descriptor.bcdDevice));
     logWarning(tr("FTDI device is not compatible"));
@@ -143,8 +135,7 @@ bool TQ5Ftdi::openDevice(struct usb_device* dev) {
         logError(tr("unable to open ftdi device: %s"), ftdi_get_error_string(&ftdi));
         return false;
     }
-    if (checkEeprom())
-        return true;
+    if (checkEeprom()) return true;
     closeDevice(true);
     return false;
 }
@@ -157,20 +148,16 @@ bool TQ5Ftdi::checkEeprom() {
     }
     const int cbus0 = word & 0x0F;
     const int cbus1 = (word >> 4) & 0x0F;
-    if (cbus0 == CBUS_IOMODE && cbus1 == CBUS_IOMODE)
-        return true;
+    if (cbus0 == CBUS_IOMODE && cbus1 == CBUS_IOMODE) return true;
     logError(tr("FTDI device '%s': cbus functions (cbus0=%d, cbus1=%d) are not configured"),
              description.c_str(), cbus0, cbus1);
     return false;
 }
 
 void TQ5Ftdi::closeDevice(bool reset) {
-    if (!ftdi.usb_dev)
-        return;
-    if (ftdi.bitbang_enabled)
-        ftdi_disable_bitbang(&ftdi);
-    if (reset)
-        usb_reset(ftdi.usb_dev);
+    if (!ftdi.usb_dev) return;
+    if (ftdi.bitbang_enabled) ftdi_disable_bitbang(&ftdi);
+    if (reset) usb_reset(ftdi.usb_dev);
     ftdi_usb_close(&ftdi);
     description.clear();
     nodePath.clear();
@@ -193,8 +180,7 @@ bool TQ5Ftdi::setPins(std::uint8_t value) {
     logDebug2("current ftdi pins: 0x%02x\n", static_cast<unsigned>(pins & cbusLevels));
     const unsigned expected = value & cbus01Levels;
     const unsigned current = pins & cbus01Levels;
-    if (expected == current)
-        return true;
+    if (expected == current) return true;
     logError(tr("set FTDI device pins failed: expected=%02x, current=%02x"), expected, current);
     return false;
 }

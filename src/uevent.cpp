@@ -10,8 +10,7 @@ constexpr const char* sysfsRoot = "/sys";
 // of it count as one, and there are no empty tokens but where nothing is left.
 std::string_view nextToken(std::string_view& text) {
     const std::size_t begin = text.find_first_not_of('=');
-    if (begin == std::string_view::npos)
-        return {};
+    if (begin == std::string_view::npos) return {};
     text.remove_prefix(begin);
     const std::string_view token = text.substr(0, text.find('='));
     text.remove_prefix(token.size());
@@ -26,15 +25,13 @@ Uevent parseUevent(const char* datagram, std::size_t length) {
     while (!rest.empty()) {
         std::string_view entry = rest.substr(0, rest.find('\0'));
         rest.remove_prefix(entry.size());
-        if (!rest.empty())
-            rest.remove_prefix(1);
+        if (!rest.empty()) rest.remove_prefix(1);
 
         const std::string_view key = nextToken(entry);
         const std::string_view value = nextToken(entry);
         if (key == "DEVTYPE") {
             event.usbDevice = value == "usb_device";
-            if (!event.usbDevice)
-                return event;
+            if (!event.usbDevice) return event;
         } else if (key == "ACTION") {
             event.action = value;
         } else if (key == "DEVPATH") {

@@ -66,18 +66,14 @@ std::string readFirstLine(const std::string& path) {
     std::string line = buffer;
     std::free(buffer);
     std::fclose(file);
-    if (!line.empty() && line.back() == '\n')
-        line.pop_back();
+    if (!line.empty() && line.back() == '\n') line.pop_back();
     return line;
 }
 
-UeventMonitor::UeventMonitor() : fd(openSocket()) {
-    sigprocmask(SIG_BLOCK, nullptr, &waitMask);
-}
+UeventMonitor::UeventMonitor() : fd(openSocket()) { sigprocmask(SIG_BLOCK, nullptr, &waitMask); }
 
 UeventMonitor::~UeventMonitor() {
-    if (fd >= 0)
-        close(fd);
+    if (fd >= 0) close(fd);
 }
 
 bool UeventMonitor::waitForDevice(int vendorId, int productId) {
@@ -89,10 +85,8 @@ bool UeventMonitor::checkRemoved(const std::string& watchedPath) {
 }
 
 bool UeventMonitor::deviceStays() {
-    if (lastEvent.action == "remove")
-        return false;
-    if (access((lastEvent.sysfsDirectory + "/idVendor").c_str(), F_OK) != 0)
-        return false;
+    if (lastEvent.action == "remove") return false;
+    if (access((lastEvent.sysfsDirectory + "/idVendor").c_str(), F_OK) != 0) return false;
     added = true;
     nodePath = lastEvent.busNumber + "/" + lastEvent.deviceNumber;
     logDebug2("USB device %s is still attached after '%s'", nodePath.c_str(),
@@ -102,8 +96,7 @@ bool UeventMonitor::deviceStays() {
 
 bool UeventMonitor::eventsWereLost() {
     constexpr timespec noWait = {0, 0};
-    if (!lost || waitReadable(&noWait))
-        return false;
+    if (!lost || waitReadable(&noWait)) return false;
     lost = false;
     return true;
 }
@@ -119,18 +112,14 @@ bool UeventMonitor::waitReadable(const timespec* limit) const {
 bool UeventMonitor::readEvent(int vendorId, int productId, const std::string& watchedPath) {
     logDebug3("wait for vid=%04X, pid=%04X, node='%s'", static_cast<unsigned>(vendorId),
               static_cast<unsigned>(productId), watchedPath.c_str());
-    if (fd < 0)
-        return false;
-    if (!waitReadable(watchedPath.empty() ? nullptr : &removalCheckLimit))
-        return false;
+    if (fd < 0) return false;
+    if (!waitReadable(watchedPath.empty() ? nullptr : &removalCheckLimit)) return false;
 
     char datagram[datagramSize] = {};
     const ssize_t length = recv(fd, datagram, datagramSize, 0);
     // ENOBUFS is reported once for all that is dropped until the queue is empty (netlink(7)).
-    if (length < 0 && errno == ENOBUFS)
-        lost = true;
-    if (length <= 0)
-        return false;
+    if (length < 0 && errno == ENOBUFS) lost = true;
+    if (length <= 0) return false;
     return handleDatagram(datagram, static_cast<std::size_t>(length), vendorId, productId,
                           watchedPath);
 }
@@ -138,8 +127,7 @@ bool UeventMonitor::readEvent(int vendorId, int productId, const std::string& wa
 bool UeventMonitor::handleDatagram(const char* datagram, std::size_t length, int vendorId,
                                    int productId, const std::string& watchedPath) {
     lastEvent = parseUevent(datagram, length);
-    if (lastEvent.action)
-        added = *lastEvent.action == "add";
+    if (lastEvent.action) added = *lastEvent.action == "add";
     if (!lastEvent.usbDevice) {
         logDebug2("device is not 'usb_device'");
         return false;
@@ -165,8 +153,7 @@ bool UeventMonitor::handleDatagram(const char* datagram, std::size_t length, int
         logError("can't get USB device VID/PID (%s/%s)", vendorText.c_str(), productText.c_str());
         return false;
     }
-    if (vendor != vendorId || product != productId)
-        return false;
+    if (vendor != vendorId || product != productId) return false;
     logDebug2("udev: FTDI USB device (%04X:%04X) inserted", static_cast<unsigned>(vendorId),
               static_cast<unsigned>(productId));
     nodePath = eventPath;

@@ -20,20 +20,9 @@ int logMask = 0xff;
 unsigned char levels = 0;
 unsigned char readBuffer = 0;
 
-std::string format(const char* text, ...) {
-    char buffer[1024];
-    va_list arguments;
-    va_start(arguments, text);
-    vsnprintf(buffer, sizeof buffer, text, arguments);
-    va_end(arguments);
-    return buffer;
-}
-
 }  // namespace
 
-World::World() {
-    std::strcpy(bus.dirname, "001");
-}
+World::World() { std::strcpy(bus.dirname, "001"); }
 
 struct usb_device& World::attach(const std::string& file, const std::string& product) {
     attached.emplace_back();
@@ -41,20 +30,18 @@ struct usb_device& World::attach(const std::string& file, const std::string& pro
     last.product = product;
     last.device.bus = &bus;
     last.device.descriptor.bcdDevice = 0x0600;
-    std::strcpy(last.device.filename, file.c_str());
+    std::strcpy(last.device.filename, file.c_str();
     return last.device;
 }
 
 void World::add(const std::string& line) {
     trace.push_back(line);
-    if (onTrace)
-        onTrace(line);
+    if (onTrace) onTrace(line);
 }
 
 int World::result(const std::string& call) {
     std::deque<int>& scripted = results[call];
-    if (scripted.empty())
-        return 0;
+    if (scripted.empty()) return 0;
     const int value = scripted.front();
     scripted.pop_front();
     return value;
@@ -63,8 +50,7 @@ int World::result(const std::string& call) {
 Lines World::take() {
     Lines lines;
     for (const std::string& line : trace) {
-        if (line.compare(0, 3, "<7>") != 0)
-            lines.push_back(line);
+        if (line.compare(0, 3, "<7>") != 0) lines.push_back(line);
     }
     trace.clear();
     return lines;
@@ -97,31 +83,26 @@ std::string WorldTest::write(const std::string& name, const std::string& text,
 extern "C" {
 
 void vsyslog(int priority, const char* text, va_list arguments) {
-    if ((LOG_MASK(LOG_PRI(priority)) & logMask) == 0)
-        return;
+    if ((LOG_MASK(LOG_PRI(priority)) & logMask) == 0) return;
     char buffer[1024];
     vsnprintf(buffer, sizeof buffer, text, arguments);
-    world.add(format("<%d>%s", priority, buffer));
+    world.add("<%d>%s", priority, buffer);
 }
 
 void openlog(const char* ident, int options, int facility) {
-    world.add(format("openlog %s 0x%x %d", ident ? ident : "null", static_cast<unsigned>(options),
-                     facility));
+    world.add("openlog %s 0x%x %d", ident ? ident : "null", static_cast<unsigned>(options),
+              facility);
 }
 
-void closelog() {
-    world.add("closelog");
-}
+void closelog() { world.add("closelog"); }
 
 int setlogmask(int mask) {
-    world.add(format("setlogmask 0x%x", static_cast<unsigned>(mask)));
+    world.add("setlogmask 0x%x", static_cast<unsigned>(mask));
     logMask = mask;
     return 0;
 }
 
-int isatty(int) {
-    return world.terminal ? 1 : 0;
-}
+int isatty(int) { return world.terminal ? 1 : 0; }
 
 char* gettext(const char* id) {
     const auto entry = world.translations.find(id);
@@ -135,31 +116,24 @@ int usb_reset(usb_dev_handle*) {
 
 int ftdi_init(ftdi_context* context) {
     const int result = world.result("ftdi_init");
-    if (result == 0)
-        context->readbuffer = &readBuffer;
+    if (result == 0) context->readbuffer = &readBuffer;
     return result;
 }
 
-void ftdi_deinit(ftdi_context*) {
-    world.add("ftdi_deinit");
-}
+void ftdi_deinit(ftdi_context*) { world.add("ftdi_deinit"); }
 
-char* ftdi_get_error_string(ftdi_context*) {
-    return const_cast<char*>("reason");
-}
+char* ftdi_get_error_string(ftdi_context*) { return const_cast<char*>("reason"); }
 
 int ftdi_usb_find_all(ftdi_context*, ftdi_device_list** list, int vendor, int product) {
-    world.add(format("find_all %04x:%04x", static_cast<unsigned>(vendor),
-                     static_cast<unsigned>(product)));
-    if (const int result = world.result("find_all"))
-        return result;
+    world.add("find_all %04x:%04x", static_cast<unsigned>(vendor), static_cast<unsigned>(product));
+    if (const int result = world.result("find_all")) return result;
     for (World::Attached& unit : world.attached) {
         unit.element.dev = &unit.device;
         *list = &unit.element;
         world.listFreed = false;
         list = &unit.element.next;
     }
-    return static_cast<int>(world.attached.size());
+    return static_cast<int>(world.attached.size();
 }
 
 void ftdi_list_free(ftdi_device_list** list) {
@@ -173,16 +147,15 @@ int ftdi_usb_get_strings(ftdi_context*, struct usb_device* dev, char* manufactur
     EXPECT_EQ(productSize, 512);
     for (const World::Attached& unit : world.attached) {
         if (&unit.device == dev)
-            std::strcpy(product, unit.product.c_str());
+            std::strcpy(product, unit.product.c_str();
     }
     return world.result("get_strings");
 }
 
 int ftdi_usb_open_dev(ftdi_context* context, struct usb_device* dev) {
-    world.add(format("open %s", dev->filename));
+    world.add("open %s", dev->filename);
     const int result = world.result("open");
-    if (result == 0)
-        context->usb_dev = reinterpret_cast<usb_dev_handle*>(dev);
+    if (result == 0) context->usb_dev = reinterpret_cast<usb_dev_handle*>(dev);
     return result;
 }
 
@@ -193,13 +166,13 @@ int ftdi_usb_close(ftdi_context* context) {
 }
 
 int ftdi_read_eeprom_location(ftdi_context*, int location, unsigned short* word) {
-    world.add(format("eeprom %d", location));
+    world.add("eeprom %d", location);
     *word = world.eepromWord;
     return world.result("eeprom");
 }
 
 int ftdi_set_bitmode(ftdi_context* context, unsigned char mask, unsigned char mode) {
-    world.add(format("bitmode %02x %02x", mask, mode));
+    world.add("bitmode %02x %02x", mask, mode);
     const int result = world.result("bitmode");
     if (result == 0) {
         context->bitbang_enabled = 1;

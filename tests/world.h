@@ -37,7 +37,7 @@ struct World {
 
     World();
     struct usb_device& attach(const std::string& file, const std::string& product = "TQ-5 unit");
-    void add(const std::string& line);
+    void add(const char* format, ...) __attribute__((format(printf, 2, 3)));
     int result(const std::string& call);
     // The trace so far, without the messages of debug level 1 to 3; the next one starts empty.
     Lines take();

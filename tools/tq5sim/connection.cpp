@@ -11,17 +11,13 @@ constexpr std::uint32_t controlEndpoint = 0;
 constexpr std::uint32_t inEndpoint = 1;
 constexpr std::uint32_t outEndpoint = 2;
 
-bool wouldBlock() {
-    return errno == EAGAIN || errno == EINTR;
-}
+bool wouldBlock() { return errno == EAGAIN || errno == EINTR; }
 
 }  // namespace
 
 Connection::Connection(int socketFd, const Unit& playedUnit) : socket(socketFd), unit(playedUnit) {}
 
-Connection::~Connection() {
-    close(socket);
-}
+Connection::~Connection() { close(socket); }
 
 bool Connection::receive() {
     std::uint8_t buffer[4096];

@@ -36,13 +36,9 @@ constexpr unsigned cbusFunctionIo = 0x0a;
 constexpr unsigned cbusFunctionsWord = 10;
 constexpr unsigned eepromWords = 64;
 
-std::uint8_t low(std::uint16_t value) {
-    return static_cast<std::uint8_t>(value & 0xff);
-}
+std::uint8_t low(std::uint16_t value) { return static_cast<std::uint8_t>(value & 0xff); }
 
-std::uint8_t high(std::uint16_t value) {
-    return static_cast<std::uint8_t>(value >> 8);
-}
+std::uint8_t high(std::uint16_t value) { return static_cast<std::uint8_t>(value >> 8); }
 
 // The descriptors are those of a real FT232R.
 // clang-format off

@@ -119,6 +119,4 @@ int attachPort(unsigned port, std::string& error) {
     return ends[0];
 }
 
-void detachPort(unsigned port) {
-    writeFile(detachFile, std::to_string(port));
-}
+void detachPort(unsigned port) { writeFile(detachFile, std::to_string(port)); }
