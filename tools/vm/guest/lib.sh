@@ -275,7 +275,7 @@ daemonEndedWith() {
 # freshState: system log empty, debug level 3, no alarms file, tq5sim without units.
 freshState() {
     endProcesses
-    rm -rf "$stateDir" /tmp/orvel "$overlayFile"
+    rm -rf "$stateDir" "$dataDir" "$overlayFile"
     writeSettings "[cu/params/3]
 LogDebug=3"
     startSyslog
