@@ -34,21 +34,27 @@ i386UpdateIndexes() {
     fi
 }
 
+i386Download() {
+    local package=$1 folder=$2
+    # Whole files only: a download that is interrupted stays in the folder of its own.
+    mkdir -p "$folder/partial"
+    (cd "$folder/partial" && i386Apt apt-get download "$package" >/dev/null 2>&1) &&
+        mv "$folder/partial/${package}"_*.deb "$folder/"
+}
+
 # i386Fetch FOLDER PACKAGE...: the .deb files of the packages lie in FOLDER afterwards.
 i386Fetch() {
     local folder=$1 package
     shift
-    mkdir -p "$folder"
     for package; do
         compgen -G "$folder/${package}_*.deb" >/dev/null && continue
         i386UpdateIndexes "$package" || return
-        if ! (cd "$folder" && i386Apt apt-get download "$package" >/dev/null 2>&1); then
-            # Indexes of an earlier day may name a version that the source has replaced since.
-            i386Apt apt-get update >/dev/null 2>&1 || true
-            if ! (cd "$folder" && i386Apt apt-get download "$package" >/dev/null); then
-                echo "cannot fetch $package for i386 from the Debian package source" >&2
-                return 1
-            fi
+        i386Download "$package" "$folder" && continue
+        # Indexes of an earlier day may name a version that the source has replaced since.
+        i386Apt apt-get update >/dev/null 2>&1 || true
+        if ! i386Download "$package" "$folder"; then
+            echo "cannot fetch $package for i386 from the Debian package source" >&2
+            return 1
         fi
     done
 }

@@ -54,8 +54,8 @@ installPackages() {
     "${as_root[@]}" apt-get -q update >"$setup_log" 2>&1 || true
     if ! "${as_root[@]}" apt-get -q -y install --no-install-recommends "${missing[@]}" \
         >>"$setup_log" 2>&1; then
-        grep '^E:' "$setup_log" | tail -n 5 >&2
-        echo "the package sources of this machine (/etc/apt) did not give: ${missing[*]}" >&2
+        echo "cannot install ${missing[*]} from this machine's package sources (/etc/apt);" \
+            "apt's output is in $setup_log" >&2
         exit 1
     fi
 }
