@@ -11,7 +11,7 @@ namespace {
 const char* const cycle = "<7>wait for vid=0000";
 const char* const waiting = "<7>wait for vid=0403";
 
-// Runs the whole loop, with SIGPIPE ignored, on a script: at each named line of the trace, in
+// Runs the whole loop, with SIGPIPE ignored, on a script: at each of its lines of the trace, in
 // order, something happens. A cycle without a script line gets a meaningless event, so that no
 // test waits for time to pass.
 class AlarmDaemonTest : public KernelEventsTest {
@@ -24,25 +24,31 @@ protected:
     void SetUp() override {
         KernelEventsTest::SetUp();
         signal(SIGPIPE, SIG_IGN);
-        DaemonState::running = 0;
-        DaemonState::stopRequested = 0;
         write("settings", "[cu/params/3]\nLogDebug=3", 1);
         DaemonState::settings = IniFile(folder + "/settings");
         DaemonState::alarms = IniFile(folder + "/alarms");
     }
 
     void alarm(const std::string& text) { write("alarms", text, ++alarmsMtime); }
+    void usb(const char* action) const { send(usbEvent(action, "004")); }
+    // Fills the socket's buffer, so that the events that follow are lost.
+    void flood() const {
+        for (int i = 0; i < 100; ++i)
+            send("x");
+    }
 
-    // The calls of the driver and the messages above debug level 3, the logger's own left out.
-    Lines run(const std::vector<Step>& script) {
+    // What was seen of the unit and the loop, a word for each line of the table.
+    std::string run(const std::vector<Step>& script) {
+        DaemonState::running = 0;
+        DaemonState::stopRequested = 0;
+        world.trace.clear();
         std::size_t next = 0;
         world.onTrace = [&](const std::string& line) {
             if (next < script.size() && line.rfind(script[next].line, 0) == 0) {
                 script[next++].happens();
             } else if (line.rfind(cycle, 0) == 0) {
                 send("x");
-                if (world.trace.size() > 1000)
-                    stop();  // the script does not go on
+                if (world.trace.size() > 1000) stop();  // the script does not go on
             }
         };
         {
@@ -50,38 +56,35 @@ protected:
             EXPECT_EQ(daemon.run(), 0);
         }
         EXPECT_EQ(next, script.size());
-        Lines seen;
+        static const std::pair<const char*, const char*> words[] = {
+            {"find_all", "find"},
+            {"open 004", "open"},
+            {"bitmode 30 20", "0"},
+            {"bitmode 31 20", "1"},
+            {"bitmode 32 20", "2"},
+            {"bitmode 33 20", "3"},
+            {"disable_bitbang", "off"},
+            {"usb_close", "close"},
+            {"ftdi_deinit", "end"},
+            {"<7>wait device inserted", "wait"},
+            {"<7>USB device 001/004 is still attached", "stays"},
+            {"<7>uevents were lost", "lost"},
+            {"<7>device node /dev/bus/usb/001/004 is gone", "gone"},
+        };
+        std::string seen;
         for (const std::string& line : world.trace) {
-            const bool shown = line[0] != '<' || line.rfind("<7>wait dev", 0) == 0 ||
-                               line.rfind("<7>USB device 0", 0) == 0 ||
-                               line.rfind("<7>uevents", 0) == 0 ||
-                               line.rfind("<7>device node /", 0) == 0;
-            if (shown && line.find("log") == std::string::npos)
-                seen.push_back(line);
+            for (const auto& [begin, word] : words) {
+                if (line.rfind(begin, 0) == 0)
+                    seen += (seen.empty() ? "" : " ") + std::string(word);
+            }
         }
         return seen;
     }
 
     static void stop() { raise(SIGTERM); }
 
-    // Fills the socket's buffer, so that the events that follow are lost.
-    void flood() const {
-        for (int i = 0; i < 100; ++i)
-            send("x");
-    }
-
     std::time_t alarmsMtime = 100;
 };
-
-const Lines opening = {"find_all 0403:6001", "open 004", "eeprom 10"};
-const Lines closing = {"disable_bitbang", "usb_close"};
-
-Lines join(const std::vector<Lines>& parts) {
-    Lines all;
-    for (const Lines& part : parts)
-        all.insert(all.end(), part.begin(), part.end());
-    return all;
-}
 
 TEST_F(AlarmDaemonTest, MirrorsAlarmsUntilStopped) {
     world.attach("004");
@@ -91,10 +94,7 @@ TEST_F(AlarmDaemonTest, MirrorsAlarmsUntilStopped) {
                    {cycle, [&] { std::remove((folder + "/alarms").c_str()); }},  // stays
                    {cycle, [&] { alarm(""); }},
                    {cycle, stop}}),
-              join({opening,
-                    {"bitmode 33 20", "bitmode 31 20", "bitmode 32 20", "bitmode 33 20"},
-                    closing,
-                    {"ftdi_deinit"}}));
+              "find open 3 1 2 3 off close end");
 }
 
 TEST_F(AlarmDaemonTest, FollowsRemovalAndReinsertion) {
@@ -102,138 +102,84 @@ TEST_F(AlarmDaemonTest, FollowsRemovalAndReinsertion) {
     EXPECT_EQ(run({{cycle,
                     [&] {
                         std::remove((folder + "/idVendor").c_str());
-                        sendUsb("unbind", "004");
+                        usb("unbind");
                     }},
-                   {waiting, [&] { sendUsb("remove", "004"); }},
+                   {waiting, [&] { usb("remove"); }},
                    {waiting,
                     [&] {
                         putSysfs("0403\n", "6001\n");
                         alarm("ALARM2=");
                         world.results["open"] = {-1};
-                        sendUsb("add", "004");
+                        usb("add");
                     }},
-                   {waiting, [&] { sendUsb("add", "009"); }},  // no unit at that path
-                   {waiting, [&] { sendUsb("add", "004"); }},
+                   {waiting, [&] { send(usbEvent("add", "009")); }},  // no unit at that path
+                   {waiting, [&] { usb("add"); }},
+                   {cycle, [&] { usb("add"); }},  // changes nothing
                    {cycle, stop}}),
-              join({opening,
-                    {"bitmode 33 20"},
-                    closing,
-                    {"<7>wait device inserted"},
-                    {"find_all 0403:6001", "open 004", "<7>wait device inserted"},
-                    {"find_all 0403:6001", "<7>wait device inserted"},
-                    opening,
-                    {"bitmode 32 20"},
-                    closing,
-                    {"ftdi_deinit"}}));
+              "find open 3 off close wait find open wait find wait find open 2 off close end");
 }
 
 TEST_F(AlarmDaemonTest, RetriesFailedWritesAndNoticesRemovalMeanwhile) {
     world.attach("004");
-    world.results["bitmode"] = {-1, -1, 0, -1, -1, -1};
-    std::remove((folder + "/idVendor").c_str());
+    world.results["bitmode"] = {-1, -1, 0, -1};
     EXPECT_EQ(run({{cycle, [] {}},
                    {cycle, [] {}},
                    {cycle, [&] { alarm("ALARM1="); }},
-                   {cycle, [&] { sendUsb("remove", "004"); }},
+                   {cycle, [&] { usb("remove"); }},
                    {waiting, stop}}),
-              join({opening,
-                    {"bitmode 33 20", "bitmode 33 20", "bitmode 33 20", "bitmode 31 20"},
-                    closing,
-                    {"<7>wait device inserted", "ftdi_deinit"}}));
+              "find open 3 3 3 1 off close wait end");
 }
 
 TEST_F(AlarmDaemonTest, ReopensAUnitThatStaysAfterAnEvent) {
     world.attach("004");
     EXPECT_EQ(
-        run({{cycle, [&] { sendUsb("change", "004"); }},
+        run({{cycle, [&] { usb("change"); }},
              {cycle,
               [&] {
                   world.results["open"] = {-1};
-                  sendUsb("bind", "004");
+                  usb("bind");
               }},
              {waiting, stop}}),
-        join({opening,
-              {"bitmode 33 20"},
-              closing,
-              {"<7>wait device inserted", "<7>USB device 001/004 is still attached after 'change'"},
-              opening,
-              {"bitmode 33 20"},
-              closing,
-              {"<7>wait device inserted", "<7>USB device 001/004 is still attached after 'bind'",
-               "find_all 0403:6001", "open 004", "<7>wait device inserted", "ftdi_deinit"}}));
+        "find open 3 off close wait stays find open 3 off close wait stays find open wait end");
 }
 
-TEST_F(AlarmDaemonTest, SearchesAgainAfterLostEvents) {
-    const Lines searched = {"<7>uevents were lost: looking for a unit that arrived unheard"};
-    EXPECT_EQ(run({{waiting,
-                    [&] {
-                        flood();
-                        world.attach("004");
-                    }},
-                   {cycle, [&] { flood(); }},  // the unit is still there
-                   {cycle,
-                    [&] {
-                        flood();
-                        putNode(false);
-                    }},
-                   {"disable_bitbang", [] { world.results["open"] = {-1}; }},
-                   {waiting, [&] { flood(); }},
-                   {cycle, stop}}),
-              join({{"find_all 0403:6001", "<7>wait device inserted"},
-                    searched,
-                    opening,
-                    {"bitmode 33 20",
-                     "<7>device node /dev/bus/usb/001/004 is gone: unit removed without an event"},
-                    closing,
-                    {"find_all 0403:6001", "open 004", "<7>wait device inserted"},
-                    searched,
-                    opening,
-                    {"bitmode 33 20"},
-                    closing,
-                    {"ftdi_deinit"}}));
+TEST_F(AlarmDaemonTest, LooksAgainAfterLostEvents) {
+    EXPECT_EQ(
+        run({{waiting,
+              [&] {
+                  flood();
+                  world.attach("004");
+              }},
+             {cycle, [&] { flood(); }},  // the unit is still there
+             {cycle,
+              [&] {
+                  flood();
+                  putNode(false);
+                  world.results["open"] = {-1};
+              }},
+             {waiting, [&] { flood(); }},
+             {cycle, stop}}),
+        "find wait lost find open 3 gone off close find open wait lost find open 3 off close end");
 }
 
 TEST_F(AlarmDaemonTest, NoticesAtAFailedWriteThatTheNodeIsGone) {
+    world.attach("004");
     for (const bool nodeAtOpening : {true, false}) {
-        SCOPED_TRACE(nodeAtOpening);
         putNode(nodeAtOpening);
-        DaemonState::stopRequested = 0;
-        world.attached.clear();
-        world.attach("004");
-        world.results["bitmode"] = {-1, -1};
-        world.trace.clear();
-        const Lines seen = run({{"bitmode", [&] { putNode(false); }},
-                                {nodeAtOpening ? "find_all" : "bitmode", [] {}},
-                                {cycle, stop}});
-        const Lines gone = {
-            "<7>device node /dev/bus/usb/001/004 is gone: unit removed without an event",
-            "usb_close"};
-        EXPECT_EQ(seen, join({opening,
-                              {"bitmode 33 20"},
-                              nodeAtOpening ? join({gone, opening}) : Lines{},
-                              {"bitmode 33 20", "usb_close", "ftdi_deinit"}}));
+        world.results["bitmode"] = {-1};
+        EXPECT_EQ(run({{"bitmode", [&] { putNode(false); }}, {"bitmode", [] {}}, {cycle, stop}}),
+                  nodeAtOpening ? "find open 3 gone close find open 3 off close end"
+                                : "find open 3 3 off close end");
     }
 }
 
 TEST_F(AlarmDaemonTest, HonoursAStopRequestAtAnyMoment) {
-    struct Case {
-        const char* line;
-        bool attached;
-        Lines seen;
-    } const cases[] = {
-        {"find_all", false, {"find_all 0403:6001", "<7>wait device inserted", "ftdi_deinit"}},
-        {waiting, false, {"find_all 0403:6001", "<7>wait device inserted", "ftdi_deinit"}},
-        {"eeprom", true, join({opening, {"bitmode 33 20"}, closing, {"ftdi_deinit"}})},
-        {"bitmode", true, join({opening, {"bitmode 33 20"}, closing, {"ftdi_deinit"}})},
-    };
-    for (const Case& test : cases) {
-        SCOPED_TRACE(test.line);
-        DaemonState::stopRequested = 0;
-        world.attached.clear();
-        if (test.attached)
-            world.attach("004");
-        world.trace.clear();
-        EXPECT_EQ(run({{test.line, stop}}), test.seen);
+    for (const char* moment : {"find_all", "<7>wait device inserted", waiting}) {
+        EXPECT_EQ(run({{moment, stop}}), "find wait end") << moment;
+    }
+    world.attach("004");
+    for (const char* moment : {"find_all", "eeprom", "bitmode", cycle}) {
+        EXPECT_EQ(run({{moment, stop}}), "find open 3 off close end") << moment;
     }
 }
 

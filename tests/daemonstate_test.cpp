@@ -32,8 +32,7 @@ TEST_F(DaemonStateTest, FollowsTheLogLevelAndTheAlarms) {
         EXPECT_EQ(SysLog::instance()->debugLevel, step.level);
         Lines debug;
         for (const std::string& line : world.trace) {
-            if (line[0] == '<')
-                debug.push_back(line);
+            if (line[0] == '<') debug.push_back(line);
         }
         EXPECT_EQ(debug, step.debug);
         world.trace.clear();

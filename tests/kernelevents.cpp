@@ -14,8 +14,7 @@ void KernelEventsTest::SetUp() {
     static const bool ownSystem = unshare(CLONE_NEWNET | CLONE_NEWNS) == 0 &&
                                   mount("", "/", "", MS_PRIVATE | MS_REC, "") == 0 &&
                                   mount("", "/dev", "tmpfs", 0, "") == 0;
-    if (!ownSystem)
-        GTEST_SKIP() << "namespaces need root";
+    if (!ownSystem) GTEST_SKIP() << "namespaces need root";
     putNode(true);
     sender = socket(AF_NETLINK, SOCK_RAW, NETLINK_KOBJECT_UEVENT);
     sockaddr_nl address = {};
@@ -25,9 +24,7 @@ void KernelEventsTest::SetUp() {
     putSysfs("0403\n", "6001\n");
 }
 
-void KernelEventsTest::TearDown() {
-    close(sender);
-}
+void KernelEventsTest::TearDown() { close(sender); }
 
 void KernelEventsTest::send(std::string datagram) const {
     std::replace(datagram.begin(), datagram.end(), '|', '\0');
@@ -38,15 +35,14 @@ void KernelEventsTest::send(std::string datagram) const {
            sizeof group);
 }
 
-void KernelEventsTest::sendUsb(const std::string& action, const std::string& devnum) const {
-    send(action + "@/x|ACTION=" + action + "|DEVPATH=/.." + folder +
-         "|DEVTYPE=usb_device|BUSNUM=001|DEVNUM=" + devnum + "|");
+std::string KernelEventsTest::usbEvent(const std::string& action, const std::string& devnum) const {
+    return action + "@/x|ACTION=" + action + "|DEVPATH=/.." + folder +
+           "|DEVTYPE=usb_device|BUSNUM=001|DEVNUM=" + devnum + "|";
 }
 
 void KernelEventsTest::putNode(bool present) const {
     std::filesystem::remove_all("/dev/bus");
-    if (!present)
-        return;
+    if (!present) return;
     std::filesystem::create_directories("/dev/bus/usb/001");
     std::ofstream("/dev/bus/usb/001/004");
 }

@@ -15,8 +15,8 @@ protected:
     // Multicasts a datagram; "|" stands for NUL.
     void send(std::string datagram) const;
 
-    // An event of the USB device at bus 001 whose sysfs directory is the test's folder.
-    void sendUsb(const std::string& action, const std::string& devnum) const;
+    // An event of a USB device of bus 001 whose sysfs directory is the test's folder.
+    std::string usbEvent(const std::string& action, const std::string& devnum) const;
 
     // Creates or removes the device node 001/004.
     void putNode(bool present) const;

@@ -33,8 +33,7 @@ TEST(UeventTest, WalksTheEntriesOfADatagram) {
         std::string seen = event.action.value_or("-");
         for (const std::string& part :
              {event.sysfsDirectory, event.busNumber, event.deviceNumber}) {
-            if (!part.empty())
-                seen += " " + part;
+            if (!part.empty()) seen += " " + part;
         }
         EXPECT_EQ(seen + (event.usbDevice ? "" : " interface"), test.seen) << test.text;
     }
@@ -45,120 +44,66 @@ using MonitorTest = KernelEventsTest;
 TEST_F(MonitorTest, TellsArrivalsAndRemovals) {
     SysLog::instance()->setDebugLevel(3);
     UeventMonitor monitor;
-    const std::string waits = "<7>wait for vid=0403, pid=6001, node=''";
-    const std::string watches = "<7>wait for vid=0000, pid=0000, node='001/004'";
-    const auto arrival = [&] { return monitor.waitForDevice(0x0403, 0x6001); };
-    const auto removal = [&] { return monitor.checkRemoved("001/004"); };
     struct Case {
-        const char* name;
-        std::function<void()> happens;
-        std::function<bool()> call;
+        std::string event;             // none: nothing comes
+        const char *vendor, *product;  // what sysfs says of the device
+        const char* watched;           // a path for checkRemoved, or null for waitForDevice
         bool result, added;
-        Lines log;
+        std::string log;  // after the line that starts the wait
     } const cases[] = {
-        {"arrival",
-         [&] { sendUsb("add", "004"); },
-         arrival,
-         true,
-         true,
-         {waits, "<7>got USB device: node=001/004", "<7>USB device VID/PID: 0403:6001",
-          "<7>udev: FTDI USB device (0403:6001) inserted"}},
-        {"arrival while connected",
-         [&] { sendUsb("add", "005"); },
-         removal,
-         false,
-         true,
-         {watches, "<7>got USB device: node=001/005", "<7>USB device VID/PID: 0403:6001"}},
-        {"removal",
-         [&] { sendUsb("remove", "004"); },
-         removal,
-         true,
-         false,
-         {watches, "<7>got USB device: node=001/004",
-          "<7>udev: FTDI USB device (001/004) removed"}},
-        {"removal of another",
-         [&] { sendUsb("remove", "005"); },
-         removal,
-         false,
-         false,
-         {watches, "<7>got USB device: node=001/005",
-          "<7>udev: FTDI USB device (001/005) removed"}},
-        {"change while waiting",
-         [&] { sendUsb("change", "004"); },
-         arrival,
-         false,
-         false,
-         {waits, "<7>got USB device: node=001/004", "<7>udev: FTDI USB device (001/004) removed"}},
-        {"interface",
-         [&] { send("|ACTION=add|DEVTYPE=usb_interface|BUSNUM=001|DEVNUM=004"); },
-         removal,
-         false,
-         true,
-         {watches, "<7>device is not 'usb_device'"}},
-        {"no node",
-         [&] { send("x|ACTION=remove|DEVNUM=004"); },
-         removal,
-         false,
-         false,
-         {watches, "<7>can't get device node path"}},
-        {"full buffer",
-         [&] { send("x|ACTION=remove|BUSNUM=001|DEVNUM=" + std::string(2100, '4')); },
-         [&] { return monitor.checkRemoved("001/" + std::string(2048 - 34, '4')); },
-         true,
-         false,
-         {}},
-        {"short IDs",
-         [&] {
-             putSysfs("403", "0x6001\nmore");
-             sendUsb("add", "007");
-         },
-         arrival,
-         true,
-         true,
-         {waits, "<7>got USB device: node=001/007", "<7>USB device VID/PID: 403:0x6001",
-          "<7>udev: FTDI USB device (0403:6001) inserted"}},
-        {"other device",
-         [&] {
-             putSysfs("046d\n", "c077\n");
-             sendUsb("add", "008");
-         },
-         arrival,
-         false,
-         true,
-         {waits, "<7>got USB device: node=001/008", "<7>USB device VID/PID: 046d:c077"}},
-        {"odd ID",
-         [&] {
-             putSysfs("0403\n", "");
-             sendUsb("add", "008");
-         },
-         arrival,
-         false,
-         true,
-         {waits, "<7>got USB device: node=001/008",
-          "<3>read file error: /sys/.." + folder + "/idProduct: Success",
-          "<7>USB device VID/PID: 0403:", "<3>can't get USB device VID/PID (0403/)"}},
-        {"gone again",
-         [&] { send("x|ACTION=add|DEVPATH=/gone|BUSNUM=001|DEVNUM=009"); },
-         arrival,
-         false,
-         true,
-         {waits, "<7>got USB device: node=001/009",
-          "<3>read file error: /sys/gone/idVendor: No such file or directory",
-          "<3>read file error: /sys/gone/idProduct: No such file or directory",
-          "<7>USB device VID/PID: :", "<3>can't get USB device VID/PID (/)"}},
-        {"nothing for a second", [] {}, removal, false, true, {watches}},
+        {usbEvent("add", "004"), "0403\n", "6001\n", nullptr, true, true,
+         "<7>got USB device: node=001/004|<7>USB device VID/PID: 0403:6001|"
+         "<7>udev: FTDI USB device (0403:6001) inserted|"},
+        {usbEvent("add", "005"), "0403\n", "6001\n", "001/004", false, true,
+         "<7>got USB device: node=001/005|<7>USB device VID/PID: 0403:6001|"},
+        {usbEvent("remove", "004"), "", "", "001/004", true, false,
+         "<7>got USB device: node=001/004|<7>udev: FTDI USB device (001/004) removed|"},
+        {usbEvent("change", "005"), "", "", "001/004", false, false,
+         "<7>got USB device: node=001/005|<7>udev: FTDI USB device (001/005) removed|"},
+        {usbEvent("remove", "004"), "", "", nullptr, false, false,
+         "<7>got USB device: node=001/004|<7>udev: FTDI USB device (001/004) removed|"},
+        {"ACTION=add|DEVTYPE=usb_interface|BUSNUM=001|DEVNUM=004|", "", "", "001/004", false, true,
+         "<7>device is not 'usb_device'|"},
+        {"BUSNUM=001|DEVTYPE=usb_device|ACTION=remove", "", "", "001/004", false, false,
+         "<7>can't get device node path|"},
+        {usbEvent("add", "007"), "403", "0x6001\nmore", nullptr, true, true,
+         "<7>got USB device: node=001/007|<7>USB device VID/PID: 403:0x6001|"
+         "<7>udev: FTDI USB device (0403:6001) inserted|"},
+        {usbEvent("add", "008"), "046d\n", "6001\n", nullptr, false, true,
+         "<7>got USB device: node=001/008|<7>USB device VID/PID: 046d:6001|"},
+        {usbEvent("add", "008"), "0403 \n", "", nullptr, false, true,
+         "<7>got USB device: node=001/008|<3>read file error: /sys/.." + folder +
+             "/idProduct: Success|<7>USB device VID/PID: 0403 :|"
+             "<3>can't get USB device VID/PID (0403 /)|"},
+        {"ACTION=add|DEVPATH=/gone|BUSNUM=001|DEVNUM=009", "", "", nullptr, false, true,
+         "<7>got USB device: node=001/009|"
+         "<3>read file error: /sys/gone/idVendor: No such file or directory|"
+         "<3>read file error: /sys/gone/idProduct: No such file or directory|"
+         "<7>USB device VID/PID: :|<3>can't get USB device VID/PID (/)|"},
+        {"", "", "", "001/004", false, true, ""},
     };
     for (const Case& test : cases) {
-        SCOPED_TRACE(test.name);
-        test.happens();
+        SCOPED_TRACE(test.event);
+        putSysfs(test.vendor, test.product);
+        if (!test.event.empty()) send(test.event);
         world.trace.clear();
-        EXPECT_EQ(test.call(), test.result);
+        const std::string watched = test.watched ? test.watched : "";
+        EXPECT_EQ(
+            test.watched ? monitor.checkRemoved(watched) : monitor.waitForDevice(0x0403, 0x6001),
+            test.result);
         EXPECT_EQ(monitor.added, test.added);
-        if (!test.log.empty()) {
-            EXPECT_EQ(world.trace, test.log);
-        }
+        std::string log;
+        for (const std::string& line : world.trace)
+            log += line + "|";
+        EXPECT_EQ(log, std::string(test.watched ? "<7>wait for vid=0000, pid=0000"
+                                                : "<7>wait for vid=0403, pid=6001") +
+                           ", node='" + watched + "'|" + test.log);
     }
     EXPECT_EQ(monitor.nodePath, "001/007");
+
+    // A datagram that fills the buffer has no NUL at its end.
+    send("ACTION=remove|BUSNUM=001|DEVNUM=" + std::string(2100, '4'));
+    EXPECT_TRUE(monitor.checkRemoved("001/" + std::string(2048 - 32, '4')));
 }
 
 TEST_F(MonitorTest, ReturnsAtOnceWithoutASocket) {
@@ -174,7 +119,7 @@ TEST_F(MonitorTest, RemembersLostEventsUntilTheQueueIsEmpty) {
     UeventMonitor monitor;
     EXPECT_FALSE(monitor.eventsWereLost());
     for (int i = 0; i < 100; ++i)
-        sendUsb("remove", "009");
+        send("ACTION=remove|BUSNUM=001|DEVNUM=009");
     EXPECT_FALSE(monitor.checkRemoved("001/004"));  // the kernel reports the loss first
     int handled = 0;
     while (!monitor.eventsWereLost()) {
@@ -183,7 +128,7 @@ TEST_F(MonitorTest, RemembersLostEventsUntilTheQueueIsEmpty) {
     }
     EXPECT_GT(handled, 0);
     EXPECT_FALSE(monitor.eventsWereLost());
-    sendUsb("remove", "004");
+    send(usbEvent("remove", "004"));
     EXPECT_TRUE(monitor.checkRemoved("001/004"));
 }
 

@@ -30,11 +30,16 @@ struct usb_device& World::attach(const std::string& file, const std::string& pro
     last.product = product;
     last.device.bus = &bus;
     last.device.descriptor.bcdDevice = 0x0600;
-    std::strcpy(last.device.filename, file.c_str();
+    std::strcpy(last.device.filename, file.c_str());
     return last.device;
 }
 
-void World::add(const std::string& line) {
+void World::add(const char* format, ...) {
+    char line[1024];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(line, sizeof line, format, arguments);
+    va_end(arguments);
     trace.push_back(line);
     if (onTrace) onTrace(line);
 }
@@ -133,7 +138,7 @@ int ftdi_usb_find_all(ftdi_context*, ftdi_device_list** list, int vendor, int pr
         world.listFreed = false;
         list = &unit.element.next;
     }
-    return static_cast<int>(world.attached.size();
+    return static_cast<int>(world.attached.size());
 }
 
 void ftdi_list_free(ftdi_device_list** list) {
@@ -146,8 +151,7 @@ int ftdi_usb_get_strings(ftdi_context*, struct usb_device* dev, char* manufactur
     EXPECT_FALSE(manufacturer || serial);
     EXPECT_EQ(productSize, 512);
     for (const World::Attached& unit : world.attached) {
-        if (&unit.device == dev)
-            std::strcpy(product, unit.product.c_str();
+        if (&unit.device == dev) std::strcpy(product, unit.product.c_str());
     }
     return world.result("get_strings");
 }
