@@ -1,0 +1,62 @@
+# What an installation holds, and how `cpack` packs it for Debian. The daemon's paths are fixed,
+# so everything is installed below / (or DESTDIR).
+
+if(CMAKE_INSTALL_PREFIX_INITIALIZED_TO_DEFAULT)
+    set_property(CACHE CMAKE_INSTALL_PREFIX PROPERTY VALUE /)
+endif()
+
+set(documentation usr/share/doc/pinwatchd)
+set(here ${CMAKE_CURRENT_LIST_DIR})
+
+# Installs a file as NAME.gz; without a time inside, so that equal input gives equal packages.
+function(install_compressed file directory name)
+    install(FILES ${file} DESTINATION ${directory} RENAME ${name})
+    install(CODE "execute_process(COMMAND_ERROR_IS_FATAL ANY COMMAND gzip -9nf
+        \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${directory}/${name}\")")
+endfunction()
+
+install(TARGETS pinwatchd RUNTIME DESTINATION opt/orvel/bin)
+install(FILES ${here}/orvel.conf DESTINATION opt/orvel/etc)
+install(DIRECTORY DESTINATION var/opt/orvel/etc)
+
+install(FILES ${here}/pinwatchd.service DESTINATION lib/systemd/system)
+install(FILES ${here}/pinwatchd.tmpfiles DESTINATION usr/lib/tmpfiles.d RENAME pinwatchd.conf)
+install(PROGRAMS ${here}/pinwatchd.init DESTINATION etc/init.d RENAME pinwatchd)
+
+foreach(page pinwatchd.8 orvel.conf.5 pinwatchd-alarms.5)
+    string(REGEX REPLACE ".*\\." "" section ${page})
+    install_compressed(${CMAKE_SOURCE_DIR}/man/${page} usr/share/man/man${section} ${page})
+endforeach()
+install_compressed(${CMAKE_SOURCE_DIR}/CHANGELOG.md ${documentation} changelog)
+install_compressed(${here}/deb/changelog ${documentation} changelog.Debian)
+install(FILES ${here}/deb/copyright DESTINATION ${documentation})
+install(FILES ${CMAKE_SOURCE_DIR}/docs/publishing.md ${CMAKE_SOURCE_DIR}/docs/replug.md
+    ${CMAKE_SOURCE_DIR}/po/pinwatchd.pot DESTINATION ${documentation})
+install(DIRECTORY ${CMAKE_SOURCE_DIR}/docs/examples DESTINATION ${documentation}
+    USE_SOURCE_PERMISSIONS)
+install(FILES ${here}/deb/lintian-overrides DESTINATION usr/share/lintian/overrides
+    RENAME pinwatchd)
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGING_INSTALL_PREFIX /)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "show alarms on a USB alarm-output unit")
+set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
+    "Mirrors the alarm state that another program publishes in an INI file onto
+the two outputs of a TQ-5, a USB alarm-output unit on an FT232R chip, and
+follows the unit through unplugging and re-insertion.")
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_PACKAGE_MAINTAINER "pinwatchd maintainers <maintainers@pinwatchd.example>")
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+    set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE i386)
+endif()
+# Written out, as dpkg-shlibdeps cannot see a cross build's libraries. The versions are those
+# that have the symbols used: 64-bit times on i386, and g++ 11's standard library.
+set(CPACK_DEBIAN_PACKAGE_DEPENDS
+    "libc6 (>= 2.34), libftdi1 (>= 0.20), libgcc-s1 (>= 3.0), libstdc++6 (>= 11), libusb-0.1-4 (>= 2:0.1.12)")
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
+    ${here}/deb/conffiles ${here}/deb/postinst ${here}/deb/prerm ${here}/deb/postrm)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+include(CPack)
