@@ -7,6 +7,7 @@ packages=(
     libftdi-dev libusb-dev
     qemu-system-x86 cpio
 )
+fuzzPackages=(clang libclang-rt-14-dev)
 
 setup_log=build/setup.log
 
