@@ -17,6 +17,10 @@ plain="${escape}[0m"
 # The script's own arguments choose among its scenarios.
 chosenScenarios=$*
 daemonPid=$(cat "$stateDir/pinwatchd.pid" 2>/dev/null)
+# The virtual controller has two buses; full-speed units come onto the slower one.
+for rootHub in /sys/devices/platform/vhci_hcd.0/usb[0-9]*; do
+    [ "$(cat "$rootHub/speed")" != 480 ] || unitBus=${rootHub##*/usb}
+done
 
 # ---- Waiting ----
 
@@ -101,9 +105,11 @@ writeSettings() {
 
 startSyslog() {
     mkdir -p "$stateDir"
+    : >"$sysLog"
     syslogd -n -O "$sysLog" </dev/null >/dev/null 2>&1 8>&- &
     echo "$!" >"$stateDir/syslogd.pid"
-    becomesTrue 5 test -S /dev/log
+    # It listens by then; /dev/log alone may be left from the last one.
+    becomesTrue 5 grep -q 'syslogd started' "$sysLog" || fail "syslogd does not start"
 }
 
 # timesLogged TEXT: prints how many lines of the system log contain TEXT.
@@ -130,6 +136,7 @@ expectLog() {
 # startSim: tq5sim with no unit plugged. Its output goes to $simLog.
 startSim() {
     mkdir -p "$stateDir"
+    : >"$simLog"
     rm -f "$simInput"
     mkfifo "$simInput"
     tq5sim <"$simInput" >>"$simLog" 2>&1 &
@@ -204,7 +211,7 @@ expectPins() {
 
 # sysfsOf UNIT: prints the unit's directory in sysfs, which exists while the kernel knows it.
 sysfsOf() {
-    echo "/sys/bus/usb/devices/1-$(($1 + 1))"
+    echo "/sys/bus/usb/devices/$unitBus-$(($1 + 1))"
 }
 
 # nodePathOf UNIT: prints bus and device number as the daemon logs them, such as 001/004.
@@ -224,7 +231,7 @@ plugAndWait() {
 }
 
 noUnits() {
-    [ "$(echo /sys/bus/usb/devices/1-[1-9]*)" = '/sys/bus/usb/devices/1-[1-9]*' ]
+    ! ls -d "/sys/bus/usb/devices/$unitBus"-[1-9]* >/dev/null 2>&1
 }
 
 # ---- The daemon ----
