@@ -4,6 +4,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -18,27 +19,14 @@ constexpr int readBufferSize = 512;
 constexpr const char* sectionSet = "[] \t\r";
 constexpr const char* quoteSet = "\"";
 
-// Appends every line of `file`, without its line feed, to `lines`; the text behind the last
-// line feed, even when empty, is the last line. False on a read error.
-bool readLines(std::FILE* file, std::deque<std::string>& lines) {
-    std::string pending;
+// Appends the text of `file` to `text`, a line as it is up to its first NUL; with a NUL in it
+// the line feed is lost too, and the next line continues it. False on a read error.
+bool readText(std::FILE* file, std::string& text) {
     char buffer[readBufferSize];
     for (;;) {
         std::memset(buffer, 0, sizeof buffer);
-        if (!std::fgets(buffer, readBufferSize, file)) {
-            if (!std::feof(file)) return false;
-            lines.push_back(std::move(pending));
-            return true;
-        }
-        const std::size_t length = std::strlen(buffer);
-        if (length == 0) continue;
-        if (buffer[length - 1] != '\n') {
-            pending.append(buffer, length);
-            continue;
-        }
-        pending.append(buffer, length - 1);
-        lines.push_back(std::move(pending));
-        pending.clear();
+        if (!std::fgets(buffer, readBufferSize, file)) return std::feof(file) != 0;
+        text += buffer;
     }
 }
 
@@ -63,16 +51,24 @@ bool IniFile::load(const std::string& path) {
     std::FILE* file = std::fopen(path.c_str(), "r");
     if (!file) return false;
 
-    std::deque<std::string> lines;
+    // The whole file before any line of it counts. One text: it takes the file's size, where a
+    // list of many short lines takes a multiple.
+    std::string text;
     const bool locked = flock(fileno(file), LOCK_SH) == 0;
-    const bool complete = readLines(file, lines);
+    const bool complete = readText(file, text);
     if (locked) flock(fileno(file), LOCK_UN);
     std::fclose(file);
     if (!complete) return false;
 
     std::string currentSection;
-    for (std::string& line : lines)
+    std::string line;
+    std::size_t begin = 0;
+    while (begin < text.size()) {
+        const std::size_t end = std::min(text.find('\n', begin), text.size());
+        line.assign(text, begin, end - begin);
         interpret(line, currentSection);
+        begin = end + 1;
+    }
     return true;
 }
 
@@ -131,6 +127,5 @@ bool IniFile::hasKey(const std::string& section, const std::string& key) const {
 
 void IniFile::sectionNames(std::deque<std::string>& names) const {
     names.clear();
-    for (const auto& section : sections)
-        names.push_back(section.first);
+    for (const auto& section : sections) names.push_back(section.first);
 }

@@ -64,7 +64,7 @@ void SysLog::reopen() {
     openlog(ident.empty() ? nullptr : ident.c_str(), options, facility);
 }
 
-void SysLog::debug(const char* format, ...) {
+void SysLog::debug(const char* format, ...) const {
     if (debugLevel <= 0) return;
     va_list arguments;
     va_start(arguments, format);

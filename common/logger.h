@@ -31,7 +31,7 @@ public:
     void setDebugLevel(int level);
 
     // Writes at LOG_DEBUG when the debug level is 1 or more.
-    void debug(const char* format, ...) __attribute__((format(printf, 2, 3)));
+    void debug(const char* format, ...) const __attribute__((format(printf, 2, 3)));
 
     // For reading; setDebugLevel changes it.
     int debugLevel = 0;

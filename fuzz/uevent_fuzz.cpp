@@ -10,7 +10,8 @@
 
 namespace {
 
-Uevent parsePlainly(std::string datagram) {
+Uevent parsePlainly(const char* data, std::size_t size) {
+    std::string datagram(data, size);
     Uevent event;
     std::size_t offset = 0;
     while (offset < datagram.size()) {
@@ -42,7 +43,7 @@ Uevent parsePlainly(std::string datagram) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const char* datagram = reinterpret_cast<const char*>(data);
     const Uevent event = parseUevent(datagram, size);
-    const Uevent expected = parsePlainly(std::string(datagram, size));
+    const Uevent expected = parsePlainly(datagram, size);
     if (event.usbDevice != expected.usbDevice || event.action != expected.action ||
         event.sysfsDirectory != expected.sysfsDirectory || event.busNumber != expected.busNumber ||
         event.deviceNumber != expected.deviceNumber) {

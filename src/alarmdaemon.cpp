@@ -1,6 +1,5 @@
 #include "alarmdaemon.h"
 
-#include <sys/select.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -18,33 +17,9 @@ namespace {
 constexpr std::uint8_t pinValues[] = {3, 1, 2};
 constexpr AlarmMask nothingWritten = 3;  // differs from every AlarmMask
 
-constexpr timespec pauseWithoutSocket = {1, 0};
-
-// Holds the stop signals back while it lives, so that none arrives between a test of a flag
-// and the wait that follows; the waits themselves let them in.
-class StopSignalsBlocked {
-public:
-    StopSignalsBlocked() {
-        sigset_t stopSignals;
-        sigemptyset(&stopSignals);
-        sigaddset(&stopSignals, SIGINT);
-        sigaddset(&stopSignals, SIGTERM);
-        sigaddset(&stopSignals, SIGQUIT);
-        sigprocmask(SIG_BLOCK, &stopSignals, &previous);
-    }
-    ~StopSignalsBlocked() { sigprocmask(SIG_SETMASK, &previous, nullptr); }
-    StopSignalsBlocked(const StopSignalsBlocked&) = delete;
-    StopSignalsBlocked& operator=(const StopSignalsBlocked&) = delete;
-
-    // Stands in for the monitor's wait where it has no socket to wait on.
-    void pause() const { pselect(0, nullptr, nullptr, nullptr, &pauseWithoutSocket, &previous); }
-
-private:
-    sigset_t previous;
-};
-
 // The device node of the unit at `nodePath`, or empty where the system has none for it.
 std::string findDeviceNode(const std::string& nodePath) {
+    if (nodePath.empty()) return "";
     for (const char* root : {"/dev/bus/usb/", "/proc/bus/usb/"}) {
         std::string node = root + nodePath;
         if (access(node.c_str(), F_OK) == 0) return node;
@@ -67,9 +42,7 @@ void onSignal(int) {
 AlarmDaemon::AlarmDaemon() { applyLogLevel(); }
 
 int AlarmDaemon::run() {
-    signal(SIGINT, onSignal);
-    signal(SIGTERM, onSignal);
-    signal(SIGQUIT, onSignal);
+    for (const int signalNumber : stopSignals) signal(signalNumber, onSignal);
 
     UeventMonitor monitor;
     bool search = true;  // no arrival has been reported yet
@@ -112,10 +85,11 @@ AlarmDaemon::End AlarmDaemon::serveUnit(UeventMonitor& monitor) {
         }
 
         // Also after a failed write: this paces the retries and notices a removal meanwhile.
-        if (unitRemoved(monitor)) {
+        if (monitor.checkRemoved(device.nodePath) && !monitor.added) {
             device.close();
             return End::reported;
         }
+        if (!monitor.hasSocket()) monitor.pause();
         if ((writeFailed || monitor.eventsWereLost()) && isGone(deviceNode)) {
             logDebug2("device node %s is gone: unit removed without an event", deviceNode.c_str());
             device.close();
@@ -125,15 +99,7 @@ AlarmDaemon::End AlarmDaemon::serveUnit(UeventMonitor& monitor) {
     return End::stopped;
 }
 
-bool AlarmDaemon::unitRemoved(UeventMonitor& monitor) {
-    const StopSignalsBlocked blocked;
-    if (!DaemonState::running) return false;
-    if (!monitor.hasSocket()) blocked.pause();
-    return monitor.checkRemoved(device.nodePath) && !monitor.added;
-}
-
 bool AlarmDaemon::waitForUnit(UeventMonitor& monitor, bool& search) {
-    const StopSignalsBlocked blocked;
     while (!DaemonState::stopRequested) {
         if (monitor.eventsWereLost()) {
             logDebug2("uevents were lost: looking for a unit that arrived unheard");
@@ -141,7 +107,7 @@ bool AlarmDaemon::waitForUnit(UeventMonitor& monitor, bool& search) {
             return true;
         }
         if (monitor.waitForDevice(TQ5Ftdi::vendorId, TQ5Ftdi::productId)) return true;
-        if (!monitor.hasSocket()) blocked.pause();
+        if (!monitor.hasSocket()) monitor.pause();
     }
     return false;
 }

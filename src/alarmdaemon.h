@@ -31,9 +31,6 @@ private:
     // stop is requested.
     End serveUnit(UeventMonitor& monitor);
 
-    // The removal check that ends each cycle and paces it: waits one second at most.
-    bool unitRemoved(UeventMonitor& monitor);
-
     // Waits until a unit arrives, or until lost events call for a search (then `search` is
     // set). False when a stop is requested.
     static bool waitForUnit(UeventMonitor& monitor, bool& search);

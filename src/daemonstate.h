@@ -1,6 +1,11 @@
 #pragma once
 
+#include <csignal>
+
 #include "inifile.h"
+
+// The signals that ask the daemon to stop, in the order in which their handler is installed.
+constexpr int stopSignals[] = {SIGINT, SIGTERM, SIGQUIT};
 
 // The process-wide state: the flags of the signal handler and the two documents, which are
 // built and loaded before main, settings first.

@@ -53,7 +53,7 @@ bool findDev(struct usb_device* where, struct usb_device* dev, std::string& path
     for (int i = 0; i < where->num_children; ++i) {
         struct usb_device* child = where->children[i];
         if (child && findDev(child, dev, path)) {
-            path = path.empty() ? child->filename : std::string(child->filename) + "/" + path;
+            path.insert(0, path.empty() ? "" : "/").insert(0, child->filename);
             return true;
         }
     }

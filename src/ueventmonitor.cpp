@@ -6,11 +6,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "conversions.h"
+#include "daemonstate.h"
 #include "logger.h"
 
 namespace {
@@ -18,7 +20,8 @@ namespace {
 constexpr int socketBufferSize = 1024;
 constexpr std::size_t datagramSize = 2048;  // the kernel's own limit, UEVENT_BUFFER_SIZE
 constexpr unsigned ueventGroup = 1;         // the kernel's broadcasts; udev's have group 2
-constexpr timespec removalCheckLimit = {1, 0};
+constexpr timespec oneSecond = {1, 0};
+constexpr timespec noWait = {0, 0};
 
 int openSocket() {
     const int fd = socket(AF_NETLINK, SOCK_RAW, NETLINK_KOBJECT_UEVENT);
@@ -43,6 +46,20 @@ int openSocket() {
         return -1;
     }
     return fd;
+}
+
+// pselect for reading, without time limit if `limit` is null. The stop signals are held back
+// from the test of their flag to the wait itself, so that none goes unseen between the two.
+int waitUnlessStopped(int count, fd_set* readable, const timespec* limit) {
+    sigset_t blocked;
+    sigset_t previous;
+    sigemptyset(&blocked);
+    for (const int signalNumber : stopSignals) sigaddset(&blocked, signalNumber);
+    sigprocmask(SIG_BLOCK, &blocked, &previous);
+    if (DaemonState::stopRequested) limit = &noWait;
+    const int result = pselect(count, readable, nullptr, nullptr, limit, &previous);
+    sigprocmask(SIG_SETMASK, &previous, nullptr);
+    return result;
 }
 
 }  // namespace
@@ -70,11 +87,13 @@ std::string readFirstLine(const std::string& path) {
     return line;
 }
 
-UeventMonitor::UeventMonitor() : fd(openSocket()) { sigprocmask(SIG_BLOCK, nullptr, &waitMask); }
+UeventMonitor::UeventMonitor() : fd(openSocket()) {}
 
 UeventMonitor::~UeventMonitor() {
     if (fd >= 0) close(fd);
 }
+
+void UeventMonitor::pause() const { waitUnlessStopped(0, nullptr, &oneSecond); }
 
 bool UeventMonitor::waitForDevice(int vendorId, int productId) {
     return readEvent(vendorId, productId, "");
@@ -95,7 +114,6 @@ bool UeventMonitor::deviceStays() {
 }
 
 bool UeventMonitor::eventsWereLost() {
-    constexpr timespec noWait = {0, 0};
     if (!lost || waitReadable(&noWait)) return false;
     lost = false;
     return true;
@@ -105,15 +123,14 @@ bool UeventMonitor::waitReadable(const timespec* limit) const {
     fd_set readable;
     FD_ZERO(&readable);
     FD_SET(fd, &readable);
-    return pselect(fd + 1, &readable, nullptr, nullptr, limit, &waitMask) > 0 &&
-           FD_ISSET(fd, &readable);
+    return waitUnlessStopped(fd + 1, &readable, limit) > 0 && FD_ISSET(fd, &readable);
 }
 
 bool UeventMonitor::readEvent(int vendorId, int productId, const std::string& watchedPath) {
     logDebug3("wait for vid=%04X, pid=%04X, node='%s'", static_cast<unsigned>(vendorId),
               static_cast<unsigned>(productId), watchedPath.c_str());
     if (fd < 0) return false;
-    if (!waitReadable(watchedPath.empty() ? nullptr : &removalCheckLimit)) return false;
+    if (!waitReadable(watchedPath.empty() ? nullptr : &oneSecond)) return false;
 
     char datagram[datagramSize] = {};
     const ssize_t length = recv(fd, datagram, datagramSize, 0);

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <csignal>
 #include <cstddef>
 #include <ctime>
 #include <string>
@@ -13,7 +12,7 @@ std::string readFirstLine(const std::string& path);
 
 // Reads the kernel's hot-plug broadcasts from a netlink uevent socket. Each call of
 // waitForDevice or checkRemoved handles one datagram at most; time-outs, signals, errors and
-// events of no interest all give false.
+// events of no interest all give false. Once a stop is requested no call waits any more.
 //
 // What kernels send when a USB device comes and goes:
 //   before 4.14    add                         remove
@@ -31,6 +30,9 @@ public:
 
     // False when there is no socket; both waits then return false without blocking.
     bool hasSocket() const { return fd >= 0; }
+
+    // Waits a second, or until a signal: what a caller does instead where there is no socket.
+    void pause() const;
 
     // Waits without time limit. True only for the arrival of a USB device with these IDs;
     // `nodePath` then names it.
@@ -65,7 +67,4 @@ private:
     int fd = -1;
     bool lost = false;
     Uevent lastEvent;
-    // Signals that the caller blocked since the monitor was made are let in while it waits, so
-    // that none is lost between a test of what their handler sets and the wait.
-    sigset_t waitMask;
 };

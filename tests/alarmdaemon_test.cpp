@@ -33,8 +33,7 @@ protected:
     void usb(const char* action) const { send(usbEvent(action, "004")); }
     // Fills the socket's buffer, so that the events that follow are lost.
     void flood() const {
-        for (int i = 0; i < 100; ++i)
-            send("x");
+        for (int i = 0; i < 100; ++i) send("x");
     }
 
     // What was seen of the unit and the loop, a word for each line of the table.
@@ -48,7 +47,10 @@ protected:
                 script[next++].happens();
             } else if (line.rfind(cycle, 0) == 0) {
                 send("x");
-                if (world.trace.size() > 1000) stop();  // the script does not go on
+                if (world.trace.size() > 1000) {
+                    ADD_FAILURE() << "the loop does not end";
+                    stop();
+                }
             }
         };
         {
@@ -180,6 +182,22 @@ TEST_F(AlarmDaemonTest, HonoursAStopRequestAtAnyMoment) {
     world.attach("004");
     for (const char* moment : {"find_all", "eeprom", "bitmode", cycle}) {
         EXPECT_EQ(run({{moment, stop}}), "find open 3 off close end") << moment;
+    }
+    world.results["bitmode"] = {-1};
+    EXPECT_EQ(run({{"bitmode", stop}}), "find open 3 close end");
+    for (const std::string& line : world.trace) EXPECT_NE(line.rfind(cycle, 0), 0U);
+}
+
+TEST_F(AlarmDaemonTest, IsCalmWithoutASocket) {
+    const UeventMonitor holder;  // of the process's netlink address
+    for (const bool attached : {false, true}) {
+        if (attached) world.attach("004");
+        const char* pass = attached ? cycle : waiting;
+        const std::time_t start = std::time(nullptr);
+        EXPECT_EQ(
+            run({{pass, [] {}}, {pass, [&] { alarm("ALARM1="); }}, {pass, [] {}}, {pass, stop}}),
+            attached ? "find open 1 off close end" : "find wait end");
+        EXPECT_GE(std::time(nullptr) - start, 2);  // three pauses of a second
     }
 }
 

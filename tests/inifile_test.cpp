@@ -122,8 +122,7 @@ TEST_F(IniFileTest, WaitsForAWriterWithTheLock) {
     ASSERT_EQ(flock(fd, LOCK_EX), 0);
     std::thread writer([&] {
         // The reader shows in /proc/locks as the one that waits for this lock.
-        while (system("grep -q -- '-> FLOCK' /proc/locks") != 0)
-            std::this_thread::yield();
+        while (system("grep -q -- '-> FLOCK' /proc/locks") != 0) std::this_thread::yield();
         EXPECT_EQ(write("f", "k=whole", 1), file);
         flock(fd, LOCK_UN);
     });

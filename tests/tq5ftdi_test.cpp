@@ -21,8 +21,7 @@ TEST_F(DriverTest, OpensDrivesAndReleasesTheUnit) {
         TQ5Ftdi unit;
         EXPECT_TRUE(unit.openBySearch());
         EXPECT_EQ(unit.nodePath, "001/004");
-        for (std::uint8_t value = 0; value < 4; ++value)
-            EXPECT_TRUE(unit.setPins(value));
+        for (std::uint8_t value = 0; value < 4; ++value) EXPECT_TRUE(unit.setPins(value));
         world.pinsRead = 0x0d;
         EXPECT_TRUE(unit.setPins(1));
         unit.close();
@@ -129,8 +128,7 @@ TEST_F(DriverTest, ReportsFailedWrites) {
     world.translations
         ["TQ5Ftdi|\x04"
          "ftdi_read_pins failed: %s"] = "Lesefehler: %s";
-    for (int i = 0; i < 3; ++i)
-        EXPECT_FALSE(unit.setPins(1));
+    for (int i = 0; i < 3; ++i) EXPECT_FALSE(unit.setPins(1));
     EXPECT_EQ(world.trace,
               (Lines{"<7>using bitmask 0x31\n", "bitmode 31 20",
                      "<3>ftdi_set_bitmode failed(5) for 0x31: reason", "<7>using bitmask 0x31\n",

@@ -25,8 +25,7 @@ TEST(UeventTest, WalksTheEntriesOfADatagram) {
     };
     for (const Case& test : cases) {
         std::string text = test.text;
-        for (char& c : text)
-            c = c == '|' ? '\0' : c;
+        for (char& c : text) c = c == '|' ? '\0' : c;
         // A copy of exactly the received length, so that a sanitizer sees a step outside.
         const std::vector<char> datagram(text.begin(), text.end());
         const Uevent event = parseUevent(datagram.data(), datagram.size());
@@ -75,7 +74,7 @@ TEST_F(MonitorTest, TellsArrivalsAndRemovals) {
          "<7>got USB device: node=001/008|<3>read file error: /sys/.." + folder +
              "/idProduct: Success|<7>USB device VID/PID: 0403 :|"
              "<3>can't get USB device VID/PID (0403 /)|"},
-        {"ACTION=add|DEVPATH=/gone|BUSNUM=001|DEVNUM=009", "", "", nullptr, false, true,
+        {"DEVPATH=/gone|BUSNUM=001|DEVNUM=009", "", "", nullptr, false, true,
          "<7>got USB device: node=001/009|"
          "<3>read file error: /sys/gone/idVendor: No such file or directory|"
          "<3>read file error: /sys/gone/idProduct: No such file or directory|"
@@ -93,8 +92,7 @@ TEST_F(MonitorTest, TellsArrivalsAndRemovals) {
             test.result);
         EXPECT_EQ(monitor.added, test.added);
         std::string log;
-        for (const std::string& line : world.trace)
-            log += line + "|";
+        for (const std::string& line : world.trace) log += line + "|";
         EXPECT_EQ(log, std::string(test.watched ? "<7>wait for vid=0000, pid=0000"
                                                 : "<7>wait for vid=0403, pid=6001") +
                            ", node='" + watched + "'|" + test.log);
@@ -118,8 +116,7 @@ TEST_F(MonitorTest, ReturnsAtOnceWithoutASocket) {
 TEST_F(MonitorTest, RemembersLostEventsUntilTheQueueIsEmpty) {
     UeventMonitor monitor;
     EXPECT_FALSE(monitor.eventsWereLost());
-    for (int i = 0; i < 100; ++i)
-        send("ACTION=remove|BUSNUM=001|DEVNUM=009");
+    for (int i = 0; i < 100; ++i) send("ACTION=remove|BUSNUM=001|DEVNUM=009");
     EXPECT_FALSE(monitor.checkRemoved("001/004"));  // the kernel reports the loss first
     int handled = 0;
     while (!monitor.eventsWereLost()) {
