@@ -2,10 +2,8 @@
 
 #include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
 #include <cstdint>
-#include <string>
 
 #include "alarmmask.h"
 #include "daemonstate.h"
@@ -16,20 +14,6 @@ namespace {
 // Bit 0 drives CBUS0, bit 1 CBUS1; the index is the AlarmMask.
 constexpr std::uint8_t pinValues[] = {3, 1, 2};
 constexpr AlarmMask nothingWritten = 3;  // differs from every AlarmMask
-
-// The device node of the unit at `nodePath`, or empty where the system has none for it.
-std::string findDeviceNode(const std::string& nodePath) {
-    if (nodePath.empty()) return "";
-    for (const char* root : {"/dev/bus/usb/", "/proc/bus/usb/"}) {
-        std::string node = root + nodePath;
-        if (access(node.c_str(), F_OK) == 0) return node;
-    }
-    return "";
-}
-
-bool isGone(const std::string& deviceNode) {
-    return !deviceNode.empty() && access(deviceNode.c_str(), F_OK) != 0 && errno == ENOENT;
-}
 
 }  // namespace
 
@@ -68,7 +52,6 @@ AlarmDaemon::End AlarmDaemon::serveUnit(UeventMonitor& monitor) {
     AlarmMask lastWritten = nothingWritten;
     DaemonState::running = 1;
     if (DaemonState::stopRequested) DaemonState::running = 0;
-    const std::string deviceNode = findDeviceNode(device.nodePath);
 
     do {
         reloadSettings();
@@ -90,8 +73,7 @@ AlarmDaemon::End AlarmDaemon::serveUnit(UeventMonitor& monitor) {
             return End::reported;
         }
         if (!monitor.hasSocket()) monitor.pause();
-        if ((writeFailed || monitor.eventsWereLost()) && isGone(deviceNode)) {
-            logDebug2("device node %s is gone: unit removed without an event", deviceNode.c_str());
+        if ((writeFailed || monitor.eventsWereLost()) && device.isGone()) {
             device.close();
             return End::unheard;
         }

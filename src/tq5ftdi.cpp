@@ -1,8 +1,10 @@
 #include "tq5ftdi.h"
 
 #include <libintl.h>
+#include <unistd.h>
 
 #include <cassert>
+#include <cerrno>
 #include <cstring>
 
 #include "logger.h"
@@ -33,16 +35,29 @@ const char* tr(const char* message) {
     return key == translation ? message : translation;
 }
 
+// See deviceNodePath.
+std::string pathInBusTree(struct usb_device* dev) {
+    const usb_bus* bus = dev->bus;
+    std::string path;
+    if (!bus->root_dev) return std::string(bus->dirname) + "/" + dev->filename;
+    if (!findDev(bus->root_dev, dev, path)) return "";
+    return std::string(bus->dirname) + "/" + path;
+}
+
+// The device node at `path`, in today's place or that of older systems; empty if there is none.
+std::string findDeviceNode(const std::string& path) {
+    if (path.empty()) return "";
+    for (const char* root : {"/dev/bus/usb/", "/proc/bus/usb/"}) {
+        std::string node = root + path;
+        if (access(node.c_str(), F_OK) == 0) return node;
+    }
+    return "";
+}
+
 }  // namespace
 
 std::string deviceNodePath(struct usb_device* dev) {
-    std::string result;
-    usb_bus* bus = dev->bus;
-    if (!bus->root_dev) {
-        result = std::string(bus->dirname) + "/" + dev->filename;
-    } else if (findDev(bus->root_dev, dev, result)) {
-        result = std::string(bus->dirname) + "/" + result;
-    }
+    const std::string result = pathInBusTree(dev);
     logDebug2("device node path: '%s'", result.c_str());
     return result;
 }
@@ -131,6 +146,8 @@ bool TQ5Ftdi::checkProduct(struct usb_device* dev) {
 }
 
 bool TQ5Ftdi::openDevice(struct usb_device* dev) {
+    // Looked for before the opening: a unit that leaves during it must be noticed as well.
+    deviceNode = findDeviceNode(pathInBusTree(dev));
     if (ftdi_usb_open_dev(&ftdi, dev) < 0) {
         logError(tr("unable to open ftdi device: %s"), ftdi_get_error_string(&ftdi));
         return false;
@@ -161,6 +178,14 @@ void TQ5Ftdi::closeDevice(bool reset) {
     ftdi_usb_close(&ftdi);
     description.clear();
     nodePath.clear();
+    deviceNode.clear();
+}
+
+bool TQ5Ftdi::isGone() const {
+    if (deviceNode.empty() || access(deviceNode.c_str(), F_OK) == 0 || errno != ENOENT)
+        return false;
+    logDebug2("device node %s is gone: unit removed without an event", deviceNode.c_str());
+    return true;
 }
 
 bool TQ5Ftdi::setPins(std::uint8_t value) {

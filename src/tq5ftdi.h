@@ -45,6 +45,10 @@ public:
     // Leaves bit-bang mode and closes the unit; without one only the message is logged.
     void close();
 
+    // True when the open unit's device node below /dev/bus/usb (/proc/bus/usb on older systems)
+    // was there at the opening and no longer is. Where there was none nothing can be told.
+    bool isGone() const;
+
     // The node path of the open unit, empty when none is open. For reading.
     std::string nodePath;
 
@@ -58,4 +62,5 @@ private:
 
     ftdi_context ftdi;
     std::string description;
+    std::string deviceNode;
 };

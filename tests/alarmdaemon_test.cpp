@@ -169,7 +169,10 @@ TEST_F(AlarmDaemonTest, NoticesAtAFailedWriteThatTheNodeIsGone) {
     for (const bool nodeAtOpening : {true, false}) {
         putNode(nodeAtOpening);
         world.results["bitmode"] = {-1};
-        EXPECT_EQ(run({{"bitmode", [&] { putNode(false); }}, {"bitmode", [] {}}, {cycle, stop}}),
+        EXPECT_EQ(run({{"eeprom", [&] { putNode(false); }},
+                       {"bitmode", [] {}},
+                       {"bitmode", [] {}},
+                       {cycle, stop}}),
                   nodeAtOpening ? "find open 3 gone close find open 3 off close end"
                                 : "find open 3 3 off close end");
     }
