@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <utility>
 
 #include "logger.h"
 
@@ -40,7 +41,7 @@ void World::add(const char* format, ...) {
     va_start(arguments, format);
     vsnprintf(line, sizeof line, format, arguments);
     va_end(arguments);
-    trace.push_back(line);
+    trace += std::string(line) + "|";
     if (onTrace) onTrace(line);
 }
 
@@ -52,14 +53,7 @@ int World::result(const std::string& call) {
     return value;
 }
 
-Lines World::take() {
-    Lines lines;
-    for (const std::string& line : trace) {
-        if (line.compare(0, 3, "<7>") != 0) lines.push_back(line);
-    }
-    trace.clear();
-    return lines;
-}
+std::string World::take() { return std::exchange(trace, ""); }
 
 WorldTest::WorldTest() {
     char pattern[] = "/tmp/pinwatchd-test-XXXXXX";

@@ -9,14 +9,12 @@
 #include <functional>
 #include <map>
 #include <string>
-#include <vector>
-
-using Lines = std::vector<std::string>;
 
 // What the code under test meets instead of libftdi, libusb, gettext, syslog and a terminal.
-// Each call, and each message that passes the log's mask, is one line of the trace.
+// Each call, and each message that passes the log's mask, is one line of the trace, which ends
+// in "|".
 struct World {
-    Lines trace;
+    std::string trace;
     // Called for each new line, so that a test can act in the middle of a run.
     std::function<void(const std::string&)> onTrace;
 
@@ -39,8 +37,8 @@ struct World {
     struct usb_device& attach(const std::string& file, const std::string& product = "TQ-5 unit");
     void add(const char* format, ...) __attribute__((format(printf, 2, 3)));
     int result(const std::string& call);
-    // The trace so far, without the messages of debug level 1 to 3; the next one starts empty.
-    Lines take();
+    // The trace so far; the next one starts empty.
+    std::string take();
 };
 
 extern World world;
