@@ -1,16 +1,9 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <optional>
 #include <sstream>
-#include <vector>
 
 #include "commands.h"
-#include "connection.h"
 #include "lamps.h"
 #include "vhci.h"
 
@@ -25,62 +18,6 @@ SetupPacket setBitMode(unsigned mode, unsigned mask) {
 
 SetupPacket getDescriptor(std::uint16_t typeAndIndex, std::uint16_t length) {
     return {0x80, 0x06, typeAndIndex, 0, length};
-}
-
-// A command as the kernel sends it; `last` are the eight bytes of the setup packet.
-Bytes message(std::uint8_t command, std::uint8_t seqnum, bool in, std::uint8_t endpoint,
-              std::uint8_t lengthOrZero, const Bytes& last = Bytes(8), std::uint8_t unlinked = 0) {
-    Bytes bytes = {0, 0,  0, command, 0, 0,        0, seqnum, 0, 1,        0, 1, 0, 0,
-                   0, in, 0, 0,       0, endpoint, 0, 0,      0, unlinked, 0, 0, 0, lengthOrZero};
-    bytes.resize(40);
-    bytes.insert(bytes.end(), last.begin(), last.end());
-    return bytes;
-}
-
-TEST(UsbipReader, cutsCommandsOutOfAnyPieces) {
-    Bytes stream = message(1, 7, false, 2, 3);
-    stream.insert(stream.end(), {1, 1, 1});  // the data of the first one
-    const Bytes second = message(1, 8, true, 0, 18, {0x80, 6, 0x34, 0x12, 0x78, 0x56, 18, 1});
-    const Bytes third = message(2, 9, false, 0, 0, Bytes(8), 7);
-    stream.insert(stream.end(), second.begin(), second.end());
-    stream.insert(stream.end(), third.begin(), third.end());
-
-    for (std::size_t piece : {stream.size(), std::size_t{1}, std::size_t{49}}) {
-        UsbipReader reader;
-        std::vector<UsbipCommand> commands;
-        std::vector<std::size_t> completeAt;
-        for (std::size_t at = 0; at < stream.size(); at += piece) {
-            const std::size_t length = std::min(piece, stream.size() - at);
-            reader.append(&stream[at], length);
-            for (UsbipCommand command; reader.next(command);) {
-                commands.push_back(command);
-                completeAt.push_back(at + length);
-            }
-        }
-        ASSERT_EQ(3u, commands.size());
-        EXPECT_GE(completeAt[0], 51u) << "before its data had arrived";
-        EXPECT_EQ(3u, commands[0].length);
-        EXPECT_EQ(8u, commands[1].seqnum);
-        EXPECT_TRUE(commands[1].in);
-        EXPECT_EQ(0x1234, commands[1].setup.value);
-        EXPECT_EQ(0x5678, commands[1].setup.index);
-        EXPECT_EQ(0x0112, commands[1].setup.length);
-        EXPECT_TRUE(commands[2].unlink);
-        EXPECT_EQ(7u, commands[2].unlinkedSeqnum);
-    }
-}
-
-TEST(Usbip, packsReplies) {
-    Bytes expected = {0, 0, 0, 3, 0x01, 0x02, 0x03, 0x04, 0,    0,    0, 0, 0, 0,
-                      0, 0, 0, 0, 0,    0,    0xff, 0xff, 0xff, 0xe0, 0, 0, 0, 2};
-    expected.resize(48);
-    expected.insert(expected.end(), {0xaa, 0xbb});
-    EXPECT_EQ(expected, packSubmitReply(0x01020304, -EPIPE, 2, {0xaa, 0xbb}));
-
-    const Bytes unlink = packUnlinkReply(5, -ECONNRESET);
-    EXPECT_EQ(48u, unlink.size());
-    EXPECT_EQ(4, unlink[3]);
-    EXPECT_EQ(0x98, unlink[23]);
 }
 
 TEST(Unit, describesItselfAsAnFt232r) {
@@ -208,82 +145,6 @@ TEST(Commands, areRefusedWhole) {
         EXPECT_FALSE(error.empty()) << line;
         EXPECT_EQ(77u, command.unit) << line;
     }
-}
-
-class ConnectionTest : public testing::Test {
-protected:
-    ConnectionTest() {
-        int ends[2];
-        socketpair(AF_UNIX, SOCK_STREAM, 0, ends);
-        fcntl(ends[0], F_SETFL, O_NONBLOCK);
-        kernel = ends[1];
-        connection.emplace(ends[0], Unit(UnitOptions(), 0));
-    }
-    ~ConnectionTest() override { close(kernel); }
-
-    // Plays the kernel: hands a command over and returns what the unit sends back.
-    Bytes exchange(const Bytes& command) {
-        send(kernel, command.data(), command.size(), 0);
-        EXPECT_TRUE(connection->receive());
-        while (connection->answerNext(event)) {
-        }
-        EXPECT_TRUE(connection->send());
-        Bytes reply(256);
-        const ssize_t got = recv(kernel, reply.data(), reply.size(), MSG_DONTWAIT);
-        reply.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
-        return reply;
-    }
-
-    int kernel;
-    std::optional<Connection> connection;
-    std::string event;
-};
-
-TEST_F(ConnectionTest, answersEachKindOfTransfer) {
-    EXPECT_EQ(packSubmitReply(1, 0, 2, {0xaa, 0x00}),
-              exchange(message(1, 1, true, 0, 2, {0xc0, 0x90, 0, 0, 10, 0, 2, 0})));
-    EXPECT_EQ("eeprom word 10 reads 00aa", event);
-    EXPECT_EQ(packSubmitReply(2, -EPIPE, 0, {}),
-              exchange(message(1, 2, true, 0, 2, {0x80, 0x55, 0, 0, 0, 0, 2, 0})));
-    EXPECT_EQ(packSubmitReply(3, -EPIPE, 0, {}), exchange(message(1, 3, true, 3, 2)));
-    for (std::uint8_t endpoint : {std::uint8_t{0}, std::uint8_t{2}}) {
-        Bytes write = message(1, 4, false, endpoint, 5, {0x40, 4, 0, 0, 0, 0, 5, 0});
-        write.resize(write.size() + 5);
-        EXPECT_EQ(packSubmitReply(4, 0, 5, {}), exchange(write));
-    }
-    // A read waits until the kernel gives it up, once.
-    EXPECT_EQ(Bytes(), exchange(message(1, 5, true, 1, 64)));
-    EXPECT_EQ(packUnlinkReply(6, -ECONNRESET), exchange(message(2, 6, false, 0, 0, Bytes(8), 5)));
-    EXPECT_EQ(packUnlinkReply(7, 0), exchange(message(2, 7, false, 0, 0, Bytes(8), 5)));
-}
-
-TEST_F(ConnectionTest, keepsWhatTheSocketDoesNotTake) {
-    const Bytes command = message(1, 1, true, 0, 18, {0x80, 6, 0, 1, 0, 0, 18, 0});
-    const int smallBuffer = 4096;
-    setsockopt(connection->socket, SOL_SOCKET, SO_SNDBUF, &smallBuffer, sizeof smallBuffer);
-    constexpr std::size_t expected = 1000 * (48 + 18);
-    for (int i = 0; i < 1000; ++i) {
-        send(kernel, command.data(), command.size(), 0);
-        ASSERT_TRUE(connection->receive());
-        ASSERT_TRUE(connection->answerNext(event));
-    }
-    ASSERT_TRUE(connection->send());
-    ASSERT_TRUE(connection->hasToSend());
-    Bytes taken(expected + 1);
-    std::size_t length = 0;
-    for (ssize_t got;
-         (got = recv(kernel, &taken[length], taken.size() - length, MSG_DONTWAIT)) > 0;) {
-        length += static_cast<std::size_t>(got);
-        ASSERT_TRUE(connection->send());
-    }
-    ASSERT_EQ(expected, length);
-    EXPECT_EQ(0x12, taken[expected - 18]);
-}
-
-TEST_F(ConnectionTest, noticesThatTheKernelHasGone) {
-    EXPECT_TRUE(connection->receive()) << "nothing there is no end";
-    shutdown(kernel, SHUT_RDWR);
-    EXPECT_FALSE(connection->receive());
 }
 
 TEST(Vhci, findsThePortInTheStatusFile) {
