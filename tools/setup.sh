@@ -1,4 +1,4 @@
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2034 # lists that the scripts use
 # Sourced by ./run and ./test, with the root of the tree as current folder: the steps from a
 # machine with nothing installed to a built tree. Each is quick when it has been done before.
 
@@ -7,7 +7,10 @@ packages=(
     libftdi-dev libusb-dev
     qemu-system-x86 cpio
 )
+documentPackages=(gettext mandoc python3)
+releasePackages=(debootstrap lintian systemd)
 fuzzPackages=(clang libclang-rt-14-dev)
+analysePackages=(clang-format clang-tidy cppcheck shellcheck)
 
 setup_log=build/setup.log
 
