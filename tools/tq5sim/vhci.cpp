@@ -72,6 +72,7 @@ PortState parsePortState(const std::string& statusText, unsigned port) {
     for (std::size_t at = 0; at < statusText.size();) {
         unsigned listedPort = 0;
         unsigned state = 0;
+        // NOLINTNEXTLINE(cert-err34-c): the kernel's numbers fit
         if (std::sscanf(&statusText[at], "hs %u %u", &listedPort, &state) == 2 &&
             listedPort == port) {
             return state == portIsFree ? PortState::free : PortState::busy;
