@@ -233,12 +233,14 @@ inject() {
         upTo 8 publish
         alone await shown
         ;;
-    garbage) # with many lines, with one long line, with NULs and no last line feed
-        oneOf 'cat' 'tr \n\0 xy' 'head -c 3000'
-        event "$choice"
-        rm -rf "$alarmsFile"
-        $choice </opt/orvel/bin/pinwatchd >"$alarmsFile"
-        stampFile "$alarmsFile"
+    garbage) # many lines and NULs, one long line, no last line feed
+        for filter in 'head -c 3000' 'tr \n\0 xy' cat; do
+            event "$filter"
+            rm -rf "$alarmsFile"
+            $filter </opt/orvel/bin/pinwatchd >"$alarmsFile"
+            stampFile "$alarmsFile"
+            pause 2500
+        done
         ;;
     truncate)
         rm -rf "$alarmsFile"
@@ -352,7 +354,7 @@ calm() {
         expect notLogged 'wait for vid='
     fi
     measure
-    : "${startRss:=$rss}" "${startPrivate:=$private}" "${startFds:=$fds}"
+    [ -n "$startRss" ] || return 0
     expect [ "$rss" -le $((startRss + memoryAllowance)) ]
     expect [ "$private" -le $((startPrivate + memoryAllowance)) ]
     expect [ "$fds" -le $((startFds + 1)) ]
@@ -402,14 +404,14 @@ course() {
     local nextProgress=60
     freshState
     plug
-    mkdir -p "$dataDir"
+    mkdir -p "$dataDir" "${overlayFile%/*}"
     startDaemon --ignore-sigpipe
     show
-    # Memory counts from here: the heap has seen the largest file.
-    round garbage
     for kind in $kinds; do
         ! timeIsLeft || round "$kind"
     done
+    # Growth counts from here: the heap has seen all there is.
+    startRss=$rss startPrivate=$private startFds=$fds
     while timeIsLeft; do
         chosen=
         upTo 3 addKind
@@ -427,11 +429,11 @@ course() {
         eval "printf '  %-14s %d\n' $kind \$count_$kind"
     done
     progress
-    echo "at the start: RSS $startRss kB, private $startPrivate kB, $startFds descriptors"
+    echo "after each fault once: RSS $startRss kB, private $startPrivate kB, $startFds descriptors"
 }
 
 faults=0 rounds=0 alarmsShown=0 mask=0 stamp=0 level=3
-plugged='' stranger='' locked='' floods='' needsReplug='' settingsBroken=''
+plugged='' startRss='' stranger='' locked='' floods='' needsReplug='' settingsBroken=''
 for kind in $kinds; do
     eval "count_$kind=0"
 done
