@@ -23,6 +23,7 @@ constexpr const char* quoteSet = "\"";
 // the line feed is lost too, and the next line continues it. False on a read error.
 bool readText(std::FILE* file, std::string& text) {
     char buffer[readBufferSize];
+    text.reserve(sizeof buffer);
     for (;;) {
         std::memset(buffer, 0, sizeof buffer);
         if (!std::fgets(buffer, readBufferSize, file)) return std::feof(file) != 0;
@@ -84,12 +85,12 @@ void IniFile::interpret(std::string& line, std::string& currentSection) {
 
     const std::size_t equals = line.find('=');
     if (equals == std::string::npos || equals == 0) return;
-    std::string key = line.substr(0, equals);
-    trimRight(key);
     std::string value = line.substr(equals + 1);
     trim(value);
     if (!value.empty() && value.front() == '"' && value.back() == '"') trim(value, quoteSet);
-    sections[currentSection][key] = std::move(value);
+    line.resize(equals);  // the key is left
+    trimRight(line);
+    sections[currentSection][line] = std::move(value);
 }
 
 void IniFile::clear() {
