@@ -118,17 +118,6 @@ TEST_F(AlarmDaemonTest, FollowsRemovalAndReinsertion) {
               "find open 3 off close wait find open wait find wait find open 2 off close end");
 }
 
-TEST_F(AlarmDaemonTest, RetriesFailedWritesAndNoticesRemovalMeanwhile) {
-    world.attach("004");
-    world.results["bitmode"] = {-1, -1, 0, -1};
-    EXPECT_EQ(run({{cycle, [] {}},
-                   {cycle, [] {}},
-                   {cycle, [&] { alarm("ALARM1="); }},
-                   {cycle, [&] { usb("remove"); }},
-                   {waiting, stop}}),
-              "find open 3 3 3 1 off close wait end");
-}
-
 TEST_F(AlarmDaemonTest, ReopensAUnitThatStaysAfterAnEvent) {
     world.attach("004");
     EXPECT_EQ(

@@ -1,13 +1,7 @@
 #include "inifile.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <unistd.h>
-
 #include <climits>
-#include <cstdlib>
 #include <filesystem>
-#include <thread>
 
 #include "alarmmask.h"
 #include "conversions.h"
@@ -114,22 +108,6 @@ TEST_F(IniFileTest, TellsModificationTimes) {
     if constexpr (sizeof(std::time_t) > 4) {
         EXPECT_EQ(modificationTime(write("f", "", 2147483653)), INT_MIN + 5);
     }
-}
-
-TEST_F(IniFileTest, WaitsForAWriterWithTheLock) {
-    const std::string file = write("f", "k=half", 1);
-    const int fd = open(file.c_str(), O_WRONLY);
-    ASSERT_EQ(flock(fd, LOCK_EX), 0);
-    std::thread writer([&] {
-        // The reader shows in /proc/locks as the one that waits for this lock.
-        while (system("grep -q -- '-> FLOCK' /proc/locks") != 0) std::this_thread::yield();
-        EXPECT_EQ(write("f", "k=whole", 1), file);
-        flock(fd, LOCK_UN);
-    });
-    const IniFile document(file);
-    writer.join();
-    close(fd);
-    EXPECT_EQ(document.value("", "k", ""), "whole");
 }
 
 TEST_F(IniFileTest, ReducesAlarmsToTheMask) {

@@ -5,7 +5,6 @@
 
 #include "commands.h"
 #include "lamps.h"
-#include "vhci.h"
 
 namespace {
 
@@ -34,19 +33,6 @@ TEST(Unit, describesItselfAsAnFt232r) {
     EXPECT_EQ(32u, unit.control(getDescriptor(0x0200, 255)).data.size());
     EXPECT_TRUE(unit.control(getDescriptor(0x0304, 64)).stalled);
     EXPECT_TRUE(unit.control(getDescriptor(0x0600, 64)).stalled);
-}
-
-TEST(Unit, answersStandardRequests) {
-    Unit unit(UnitOptions(), 0);
-    EXPECT_EQ(Bytes{0}, unit.control({0x80, 8, 0, 0, 1}).data);
-    EXPECT_EQ("configuration 1", unit.control({0x00, 9, 1, 0, 0}).event);
-    EXPECT_TRUE(unit.control({0x00, 9, 2, 0, 0}).stalled) << "there is no configuration 2";
-    EXPECT_EQ(Bytes{1}, unit.control({0x80, 8, 0, 0, 1}).data);
-    EXPECT_FALSE(unit.control({0x01, 11, 0, 0, 0}).stalled);
-    EXPECT_TRUE(unit.control({0x01, 11, 1, 0, 0}).stalled) << "there is no alternate setting";
-    EXPECT_EQ((Bytes{0, 0}), unit.control({0x82, 0, 0, 0x81, 2}).data);
-    EXPECT_TRUE(unit.control({0x80, 12, 0, 0, 2}).stalled);
-    EXPECT_TRUE(unit.control({0xa1, 1, 0, 0, 2}).stalled) << "there is no class";
 }
 
 TEST(Unit, drivesPinsAsModeMaskAndEepromSay) {
@@ -145,18 +131,6 @@ TEST(Commands, areRefusedWhole) {
         EXPECT_FALSE(error.empty()) << line;
         EXPECT_EQ(77u, command.unit) << line;
     }
-}
-
-TEST(Vhci, findsThePortInTheStatusFile) {
-    const std::string status =
-        "hub port sta spd dev      sockfd local_busid\n"
-        "hs  0000 006 002 00010001 000004 1-1\n"
-        "hs  0001 004 000 00000000 000000 0-0\n"
-        "ss  0002 004 000 00000000 000000 0-0\n";
-    EXPECT_EQ(PortState::busy, parsePortState(status, 0));
-    EXPECT_EQ(PortState::free, parsePortState(status, 1));
-    EXPECT_EQ(PortState::missing, parsePortState(status, 2));
-    EXPECT_EQ(PortState::missing, parsePortState("", 0));
 }
 
 }  // namespace
