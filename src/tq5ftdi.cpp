@@ -57,7 +57,7 @@ std::string findDeviceNode(const std::string& path) {
 }  // namespace
 
 std::string deviceNodePath(struct usb_device* dev) {
-    const std::string result = pathInBusTree(dev);
+    std::string result = pathInBusTree(dev);
     logDebug2("device node path: '%s'", result.c_str());
     return result;
 }
