@@ -11,6 +11,7 @@ documentPackages=(gettext mandoc python3)
 releasePackages=(debootstrap lintian systemd)
 fuzzPackages=(clang libclang-rt-14-dev)
 analysePackages=(clang-format clang-tidy cppcheck shellcheck)
+benchPackages=(libbenchmark-dev libinih-dev strace valgrind)
 
 setup_log=build/setup.log
 
