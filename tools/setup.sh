@@ -10,7 +10,7 @@ packages=(
 documentPackages=(gettext mandoc python3)
 releasePackages=(debootstrap lintian systemd)
 fuzzPackages=(clang libclang-rt-14-dev)
-analysePackages=(clang-format clang-tidy cppcheck shellcheck)
+analysePackages=(clang-format clang-tidy cppcheck git shellcheck)
 benchPackages=(libbenchmark-dev libinih-dev strace valgrind)
 
 setup_log=build/setup.log
