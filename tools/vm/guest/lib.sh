@@ -158,7 +158,8 @@ sim() {
     answer="^[0-9.]* unit $2:.*\\($answer\\)\\|^error:"
     count=$(grep -c "$answer" "$simLog")
     echo "$*" >&8
-    [ "$1" = quit ] || waitFor 5 simAnswered "$answer" "$count"
+    # A unit that left while it was reset keeps its port for five seconds.
+    [ "$1" = quit ] || waitFor 15 simAnswered "$answer" "$count"
     ! tail -n 1 "$simLog" | grep -q '^error:' || fail "tq5sim: $(tail -n 1 "$simLog")"
 }
 
