@@ -35,7 +35,7 @@ const char* tr(const char* message) {
     return key == translation ? message : translation;
 }
 
-// See deviceNodePath.
+// What deviceNodePath returns, without its message.
 std::string pathInBusTree(struct usb_device* dev) {
     const usb_bus* bus = dev->bus;
     std::string path;
