@@ -1,4 +1,4 @@
-# shellcheck shell=dash disable=SC2154 # variables of lib.sh
+# shellcheck shell=dash disable=SC2154 # variables of installation.sh
 # In the VM: the daemon's memory beside earlyoom's, and the time from an alarms file's rename to
 # the pins in hundredths of a second.
 

@@ -1,4 +1,4 @@
-# shellcheck shell=dash disable=SC2154 # variables of lib.sh
+# shellcheck shell=dash disable=SC2154 # variables of installation.sh
 # The daemon beside a unit that works, fails, is of the wrong kind or leaves, and with alarms
 # files that are none. The long line needs a VM of 768 MiB.
 

@@ -1,4 +1,4 @@
-# shellcheck shell=dash disable=SC2154 # variables of lib.sh
+# shellcheck shell=dash disable=SC2154 # variables of installation.sh
 # Every way in which a unit comes and goes, heard or not: the alarm must reach its pins each time.
 
 pins=3 # no alarm

@@ -1,4 +1,4 @@
-# shellcheck shell=dash disable=SC2154 # variables of lib.sh
+# shellcheck shell=dash disable=SC2154 # variables of installation.sh
 # The main job as a story: what is written to the alarms file, and what the unit shows then.
 # With --shell it stops where a shell takes over.
 

@@ -1,5 +1,5 @@
-# shellcheck shell=dash disable=SC2154 # variables of lib.sh
-# A random course of faults for as long as asked; tools/soak runs it. Arguments: SECONDS SEED
+# shellcheck shell=dash disable=SC2154 # variables of installation.sh
+# A random course of faults for as long as asked; tests/soak runs it. Arguments: SECONDS SEED
 #
 # It goes in rounds: each fault once alone, where it is known what the daemon must do meanwhile,
 # then one to three faults at a time. Each round ends with the faults mended, two alarms that

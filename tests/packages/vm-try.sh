@@ -1,7 +1,7 @@
-# shellcheck shell=dash disable=SC2154 # variables of lib.sh
+# shellcheck shell=dash disable=SC2154 # variables of installation.sh
 # Guest script of tools/vm/run: puts the package /pinwatchd.deb over the VM, which has no package
 # system of its own, starts it by its sysvinit script, and publishes an alarm.
-#   tools/vm/run --add build/packages/pinwatchd_1.0.0-1_i386.deb:/pinwatchd.deb packaging/vm-try.sh
+#   tools/vm/run --add build/packages/pinwatchd_1.0.0-1_i386.deb:/pinwatchd.deb tests/packages/vm-try.sh
 
 service=/etc/init.d/pinwatchd
 publish=/usr/share/doc/pinwatchd/examples/publish.sh
