@@ -53,10 +53,10 @@ set(CPACK_DEBIAN_PACKAGE_MAINTAINER "pinwatchd maintainers <maintainers@pinwatch
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
     set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE i386)
 endif()
-# Written out, as dpkg-shlibdeps cannot see a cross build's libraries. The versions are those
-# that have the symbols used: 64-bit times on i386, and g++ 11's standard library.
+# Written out, as dpkg-shlibdeps cannot see a cross build's libraries. libc's version is that of
+# the newest symbol used, which libgcc's unwinder brings in.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS
-    "libc6 (>= 2.34), libftdi1 (>= 0.20), libgcc-s1 (>= 3.0), libstdc++6 (>= 11), libusb-0.1-4 (>= 2:0.1.12)")
+    "libc6 (>= 2.35), libftdi1 (>= 0.20), libusb-0.1-4 (>= 2:0.1.12)")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
     ${here}/deb/conffiles ${here}/deb/postinst ${here}/deb/prerm ${here}/deb/postrm)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)

@@ -17,6 +17,11 @@ extern "C" void vsyslog(int, const char* format, va_list arguments) {
     logged = text;
 }
 
+// What libc's headers make of it in a hardened build.
+extern "C" void __vsyslog_chk(int priority, int, const char* format, va_list arguments) {
+    vsyslog(priority, format, arguments);
+}
+
 // With libc's gettext, and a catalogue made from the tree's template.
 TEST(Catalogue, IsUsedOnceALocaleIsSelected) {
     char folder[] = "/tmp/pinwatchd-test-XXXXXX";
