@@ -43,6 +43,25 @@ std::time_t modificationTime(const std::string& path) {
     return errno == ENOENT ? 0 : -1;
 }
 
+IniLine readIniLine(std::string& line, std::string& value) {
+    trim(line);
+    if (line.empty() || line.front() == ';' || line.front() == '#') return IniLine::nothing;
+
+    if (line.front() == '[' && line.back() == ']') {
+        trim(line, sectionSet);
+        return IniLine::header;
+    }
+
+    const std::size_t equals = line.find('=');
+    if (equals == std::string::npos || equals == 0) return IniLine::nothing;
+    value = line.substr(equals + 1);
+    trim(value);
+    if (!value.empty() && value.front() == '"' && value.back() == '"') trim(value, quoteSet);
+    line.resize(equals);  // the key is left
+    trimRight(line);
+    return IniLine::assignment;
+}
+
 IniFile::IniFile(const std::string& primary, const std::string& overlay)
     : primaryPath(primary), overlayPath(overlay) {
     reloadIfChanged();
@@ -74,23 +93,10 @@ bool IniFile::load(const std::string& path) {
 }
 
 void IniFile::interpret(std::string& line, std::string& currentSection) {
-    trim(line);
-    if (line.empty() || line.front() == ';' || line.front() == '#') return;
-
-    if (line.front() == '[' && line.back() == ']') {
-        trim(line, sectionSet);
-        currentSection = line;
-        return;
-    }
-
-    const std::size_t equals = line.find('=');
-    if (equals == std::string::npos || equals == 0) return;
-    std::string value = line.substr(equals + 1);
-    trim(value);
-    if (!value.empty() && value.front() == '"' && value.back() == '"') trim(value, quoteSet);
-    line.resize(equals);  // the key is left
-    trimRight(line);
-    sections[currentSection][line] = std::move(value);
+    std::string value;
+    const IniLine kind = readIniLine(line, value);
+    if (kind == IniLine::header) currentSection = line;
+    if (kind == IniLine::assignment) sections[currentSection][line] = std::move(value);
 }
 
 void IniFile::clear() {

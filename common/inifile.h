@@ -17,6 +17,13 @@ using IniSection = std::map<std::string, std::string, CaseInsensitiveLess>;
 // does not exist, -1 when it cannot be examined.
 std::time_t modificationTime(const std::string& path);
 
+// What a line of INI text is; all that fits no rule, comments included, is nothing.
+enum class IniLine { nothing, header, assignment };
+
+// Reads one line, without its line feed, by the text format's rules (see IniFile). Leaves the
+// section's name or the key in `line`, and an assignment's value in `value`.
+IniLine readIniLine(std::string& line, std::string& value);
+
 // An INI document bound to a primary file and an optional overlay file whose assignments are
 // laid over the primary's. Files are told to have changed by their modification time in whole
 // seconds, so a second rewrite within one second of a load goes unseen until the time changes.

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdint>
 
 #include "alarmmask.h"
 #include "daemonstate.h"
@@ -11,8 +10,6 @@
 
 namespace {
 
-// Bit 0 drives CBUS0, bit 1 CBUS1; the index is the AlarmMask.
-constexpr std::uint8_t pinValues[] = {3, 1, 2};
 constexpr AlarmMask nothingWritten = 3;  // differs from every AlarmMask
 
 }  // namespace

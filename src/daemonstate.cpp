@@ -1,26 +1,15 @@
 #include "daemonstate.h"
 
 #include <ctime>
-#include <string>
 
 #include "conversions.h"
 #include "logger.h"
-
-namespace {
-
-constexpr const char* settingsPath = "/opt/orvel/etc/orvel.conf";
-constexpr const char* settingsOverlayPath = "/var/opt/orvel/etc/orvel.conf";
-constexpr const char* defaultDataDirectory = "/tmp/orvel/data";
-constexpr const char* alarmsFileSuffix = "/alarms";
-
-}  // namespace
 
 volatile unsigned char DaemonState::running = 0;
 volatile unsigned char DaemonState::stopRequested = 0;
 // The order of the next two counts: the alarms file's path is read from the settings.
 IniFile DaemonState::settings(settingsPath, settingsOverlayPath);
-IniFile DaemonState::alarms(DaemonState::settings.value("common", "Data", defaultDataDirectory) +
-                            alarmsFileSuffix);
+IniFile DaemonState::alarms(alarmsPath(DaemonState::settings));
 
 void applyLogLevel() {
     int level = 0;

@@ -1,11 +1,21 @@
 #pragma once
 
 #include <csignal>
+#include <string>
 
 #include "inifile.h"
 
 // The signals that ask the daemon to stop, in the order in which their handler is installed.
 constexpr int stopSignals[] = {SIGINT, SIGTERM, SIGQUIT};
+
+// The settings files: the primary and the one laid over it.
+constexpr const char* settingsPath = "/opt/orvel/etc/orvel.conf";
+constexpr const char* settingsOverlayPath = "/var/opt/orvel/etc/orvel.conf";
+
+// The path of the alarms file: "alarms" in the data directory, key Data of section common.
+inline std::string alarmsPath(const IniFile& settings) {
+    return settings.value("common", "Data", "/tmp/orvel/data") + "/alarms";
+}
 
 // The process-wide state: the flags of the signal handler and the two documents, which are
 // built and loaded before main, settings first.
@@ -17,10 +27,9 @@ struct DaemonState {
     // while no unit is connected, for it is 0 until the first connection.
     static volatile unsigned char stopRequested;
 
-    // /opt/orvel/etc/orvel.conf, with /var/opt/orvel/etc/orvel.conf laid over it.
     static IniFile settings;
 
-    // The file "alarms" in the data directory: key Data of section common, as it was at start.
+    // The file that the settings named at start.
     static IniFile alarms;
 };
 
