@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <exception>
+#include <memory>
 #include <utility>
 
 #include "trim.h"
@@ -19,16 +21,28 @@ constexpr int readBufferSize = 512;
 constexpr const char* sectionSet = "[] \t\r";
 constexpr const char* quoteSet = "\"";
 
-// Appends the text of `file` to `text`, a line as it is up to its first NUL; with a NUL in it
-// the line feed is lost too, and the next line continues it. False on a read error.
-bool readText(std::FILE* file, std::string& text) {
+struct Close {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+
+// Appends the text of the file at `path` to `text`, under a shared lock: a line as it is up to
+// its first NUL; with a NUL in it the line feed is lost too, and the next line continues it.
+// One text: it takes the file's size, where a list of many short lines takes a multiple. False
+// if the file cannot be opened or read.
+bool readFile(const std::string& path, std::string& text) {
+    const std::unique_ptr<std::FILE, Close> file(std::fopen(path.c_str(), "r"));
+    if (!file) return false;
+    const bool locked = flock(fileno(file.get()), LOCK_SH) == 0;
     char buffer[readBufferSize];
     text.reserve(sizeof buffer);
     for (;;) {
         std::memset(buffer, 0, sizeof buffer);
-        if (!std::fgets(buffer, readBufferSize, file)) return std::feof(file) != 0;
+        if (!std::fgets(buffer, readBufferSize, file.get())) break;
         text += buffer;
     }
+    const bool complete = std::feof(file.get()) != 0;
+    if (locked) flock(fileno(file.get()), LOCK_UN);
+    return complete;
 }
 
 }  // namespace
@@ -62,41 +76,42 @@ IniLine readIniLine(std::string& line, std::string& value) {
     return IniLine::assignment;
 }
 
+namespace {
+
+// Makes the assignments of all lines of `text`.
+void interpret(const std::string& text, IniFile::Sections& sections) {
+    std::string currentSection;
+    std::string line;
+    std::string value;
+    std::size_t begin = 0;
+    while (begin < text.size()) {
+        const std::size_t end = std::min(text.find('\n', begin), text.size());
+        line.assign(text, begin, end - begin);
+        const IniLine kind = readIniLine(line, value);
+        if (kind == IniLine::header) currentSection = line;
+        if (kind == IniLine::assignment) sections[currentSection][line] = std::move(value);
+        begin = end + 1;
+    }
+}
+
+}  // namespace
+
 IniFile::IniFile(const std::string& primary, const std::string& overlay)
     : primaryPath(primary), overlayPath(overlay) {
     reloadIfChanged();
 }
 
 bool IniFile::load(const std::string& path) {
-    std::FILE* file = std::fopen(path.c_str(), "r");
-    if (!file) return false;
-
-    // The whole file before any line of it counts. One text: it takes the file's size, where a
-    // list of many short lines takes a multiple.
-    std::string text;
-    const bool locked = flock(fileno(file), LOCK_SH) == 0;
-    const bool complete = readText(file, text);
-    if (locked) flock(fileno(file), LOCK_UN);
-    std::fclose(file);
-    if (!complete) return false;
-
-    std::string currentSection;
-    std::string line;
-    std::size_t begin = 0;
-    while (begin < text.size()) {
-        const std::size_t end = std::min(text.find('\n', begin), text.size());
-        line.assign(text, begin, end - begin);
-        interpret(line, currentSection);
-        begin = end + 1;
+    try {
+        std::string text;
+        if (!readFile(path, text)) return false;
+        Sections merged = sections;
+        interpret(text, merged);
+        sections.swap(merged);
+        return true;
+    } catch (const std::exception&) {
+        return false;  // no memory for it: a file that cannot be read
     }
-    return true;
-}
-
-void IniFile::interpret(std::string& line, std::string& currentSection) {
-    std::string value;
-    const IniLine kind = readIniLine(line, value);
-    if (kind == IniLine::header) currentSection = line;
-    if (kind == IniLine::assignment) sections[currentSection][line] = std::move(value);
 }
 
 void IniFile::clear() {

@@ -37,13 +37,15 @@ IniLine readIniLine(std::string& line, std::string& value);
 // keys that occur again are merged, the later value wins.
 class IniFile {
 public:
+    using Sections = std::map<std::string, IniSection, CaseInsensitiveLess>;
+
     // Binds the document to its files (an empty overlay path: no overlay) and loads them.
     explicit IniFile(const std::string& primaryPath, const std::string& overlayPath = "");
     virtual ~IniFile() = default;
 
     // Merges the file at `path` into the document, under a shared flock: waits while another
     // process holds an exclusive one. False, with the document unchanged, when the file cannot
-    // be opened or read to its end; odd lines are no failure.
+    // be opened or read to its end, or does not fit into memory; odd lines are no failure.
     bool load(const std::string& path);
 
     // Empties the document; the overlay will be merged again by the next reloadIfChanged.
@@ -70,9 +72,8 @@ public:
 
 private:
     const std::string* find(const std::string& section, const std::string& key) const;
-    void interpret(std::string& line, std::string& currentSection);
 
-    std::map<std::string, IniSection, CaseInsensitiveLess> sections;
+    Sections sections;
     std::string primaryPath;
     std::string overlayPath;
 };

@@ -1,11 +1,30 @@
 #include "inifile.h"
 
+#include <unistd.h>
+
 #include <climits>
+#include <cstdlib>
 #include <filesystem>
+#include <new>
 
 #include "alarmmask.h"
 #include "conversions.h"
 #include "world.h"
+
+namespace {
+
+// The allocation that fails: 0 for the next one; negative for none.
+int allocationsLeft = -1;
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+    if (allocationsLeft >= 0 && allocationsLeft-- == 0) throw std::bad_alloc();
+    if (void* memory = std::malloc(size)) return memory;
+    throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace {
 
@@ -99,6 +118,27 @@ TEST_F(IniFileTest, ReloadsWhatChanged) {
     document.reloadIfChanged();
     EXPECT_EQ(text(document), "epochO-");
     EXPECT_EQ(document.primaryMtime, 0);
+}
+
+TEST_F(IniFileTest, LeavesTheDocumentWhenMemoryRunsOut) {
+    const std::string longText(300, 'x');
+    IniFile ini(write("a", "[b]\nk=1\n", 1));
+    const std::string other = write("b", "[b]\nk=2\n[c]\n" + longText + "=" + longText, 1);
+    const int descriptor = dup(0);
+    close(descriptor);
+    int failing = 0;
+    for (bool loaded = false; !loaded; ++failing) {
+        EXPECT_EQ(ini.value("b", "k", ""), "1");
+        EXPECT_FALSE(ini.hasKey("c", longText));
+        allocationsLeft = failing;
+        loaded = ini.load(other);
+        allocationsLeft = -1;
+    }
+    EXPECT_GT(failing, 8);
+    EXPECT_EQ(ini.value("b", "k", ""), "2");
+    const int next = dup(0);
+    EXPECT_EQ(next, descriptor);  // no file was left open, and so no lock
+    close(next);
 }
 
 TEST_F(IniFileTest, TellsModificationTimes) {
