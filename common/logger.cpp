@@ -39,14 +39,17 @@ void SysLog::configure(int newOptions, int newFacility, bool newConsoleIfTty) {
     options = newOptions;
     facility = newFacility & LOG_FACMASK;
     consoleIfTty = newConsoleIfTty;
-    reopen();
-    debug("debug level changed to %i", debugLevel);
+    reopenAndTell();
 }
 
 void SysLog::setDebugLevel(int level) {
     // Compared before clamping: a level out of range reopens the log each time it is set.
     if (level == debugLevel) return;
     debugLevel = std::clamp(level, 0, maxDebugLevel);
+    reopenAndTell();
+}
+
+void SysLog::reopenAndTell() {
     reopen();
     debug("debug level changed to %i", debugLevel);
 }

@@ -8,7 +8,15 @@
 // is reopened whenever one of them changes; with the console flag set, and stderr a terminal
 // at that moment, every message that passes the level is copied to stderr.
 class SysLog {
+    // openlog keeps using this text, so it changes only where the log is reopened at once.
+    std::string ident;
+    int options = 0;
+    int facility = LOG_USER;
+
 public:
+    // For reading; setDebugLevel changes it.
+    int debugLevel = 0;
+
     // The single object, made at the first call; an atexit handler destroys it.
     static SysLog* instance();
 
@@ -33,17 +41,11 @@ public:
     // Writes at LOG_DEBUG when the debug level is 1 or more.
     void debug(const char* format, ...) const __attribute__((format(printf, 2, 3)));
 
-    // For reading; setDebugLevel changes it.
-    int debugLevel = 0;
-
 private:
     SysLog() = default;
     void reopen();
+    void reopenAndTell();
 
-    // openlog keeps using this text, so it changes only where the log is reopened at once.
-    std::string ident;
-    int options = 0;
-    int facility = LOG_USER;
     bool consoleIfTty = true;
 };
 
