@@ -26,25 +26,35 @@ int AlarmDaemon::run() {
     for (const int signalNumber : stopSignals) signal(signalNumber, onSignal);
 
     UeventMonitor monitor;
-    bool search = true;  // no arrival has been reported yet
+    Step step = Step::search;
     for (;;) {
-        End end = End::notOpened;
-        if (search ? device.openBySearch()
-                   : monitor.added && device.openByNodePath(monitor.nodePath)) {
-            end = serveUnit(monitor);
-            if (!DaemonState::running) return 0;
+        switch (step) {
+            case Step::search:
+                step = device.openBySearch() ? serveUnit(monitor) : Step::wait;
+                break;
+            case Step::look:
+                if (device.openNewcomer()) {
+                    step = serveUnit(monitor);
+                } else {
+                    // The kernel may have been enumerating what was turned away.
+                    monitor.missed = device.hasNewcomers();
+                    step = Step::wait;
+                }
+                break;
+            case Step::open:
+                step = monitor.added && device.openByNodePath(monitor.nodePath) ? serveUnit(monitor)
+                                                                                : Step::wait;
+                break;
+            case Step::wait:
+                step = waitForUnit(monitor);
+                break;
+            case Step::end:
+                return 0;
         }
-        // A unit that went unheard may have a successor that came unheard.
-        search = end == End::unheard;
-        if (search) continue;
-
-        logDebug2("wait device inserted");
-        if (end == End::reported && monitor.deviceStays()) continue;
-        if (!waitForUnit(monitor, search)) return 0;
     }
 }
 
-AlarmDaemon::End AlarmDaemon::serveUnit(UeventMonitor& monitor) {
+AlarmDaemon::Step AlarmDaemon::serveUnit(UeventMonitor& monitor) {
     AlarmMask mask = evaluateAlarmMask(DaemonState::alarms);
     AlarmMask lastWritten = nothingWritten;
     DaemonState::running = 1;
@@ -67,26 +77,30 @@ AlarmDaemon::End AlarmDaemon::serveUnit(UeventMonitor& monitor) {
         // Also after a failed write: this paces the retries and notices a removal meanwhile.
         if (monitor.checkRemoved(device.nodePath) && !monitor.added) {
             device.close();
-            return End::reported;
+            return DaemonState::running ? Step::wait : Step::end;
         }
-        if (!monitor.hasSocket()) monitor.pause();
-        if ((writeFailed || monitor.eventsWereLost()) && device.isGone()) {
-            device.close();
-            return End::unheard;
+        monitor.pauseWithoutSocket();
+        if (monitor.mustLook() || (writeFailed && monitor.isQueueEmpty())) {
+            // A unit that left unheard may have a successor that came unheard.
+            monitor.missed = device.isGone();
+            if (monitor.missed) {
+                device.close();
+                return Step::wait;
+            }
         }
     } while (DaemonState::running);
-    return End::stopped;
+    return Step::end;
 }
 
-bool AlarmDaemon::waitForUnit(UeventMonitor& monitor, bool& search) {
-    while (!DaemonState::stopRequested) {
-        if (monitor.eventsWereLost()) {
-            logDebug2("uevents were lost: looking for a unit that arrived unheard");
-            search = true;
-            return true;
-        }
-        if (monitor.waitForDevice(TQ5Ftdi::vendorId, TQ5Ftdi::productId)) return true;
-        if (!monitor.hasSocket()) monitor.pause();
+AlarmDaemon::Step AlarmDaemon::waitForUnit(UeventMonitor& monitor) {
+    logDebug2("wait device inserted");
+    bool arrived = monitor.takeUnitThatStays();
+    while (!arrived) {
+        if (DaemonState::stopRequested) return Step::end;
+        if (monitor.claimSearch()) return Step::look;
+        arrived = monitor.waitForDevice(TQ5Ftdi::vendorId, TQ5Ftdi::productId);
+        if (!arrived) monitor.pauseWithoutSocket();
     }
-    return false;
+    monitor.passBurst();
+    return Step::open;
 }

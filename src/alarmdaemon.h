@@ -23,17 +23,16 @@ public:
     int run();
 
 private:
-    // How serving a unit ended: not begun, by a stop signal, by an event that reported the
-    // unit's removal, or by its device node found gone without one.
-    enum class End { notOpened, stopped, reported, unheard };
+    // What the loop does next: search all attached units, look for one that arrived unheard,
+    // open the one whose arrival was reported, wait for an arrival, or return.
+    enum class Step { search, look, open, wait, end };
 
     // Mirrors the alarms onto the open unit's pins until it is removed (and then closed) or a
     // stop is requested.
-    End serveUnit(UeventMonitor& monitor);
+    Step serveUnit(UeventMonitor& monitor);
 
-    // Waits until a unit arrives, or until lost events call for a search (then `search` is
-    // set). False when a stop is requested.
-    static bool waitForUnit(UeventMonitor& monitor, bool& search);
+    // Waits until a unit arrives, it is time to look for one, or a stop is requested.
+    static Step waitForUnit(UeventMonitor& monitor);
 
     TQ5Ftdi device;
 };

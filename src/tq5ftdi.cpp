@@ -25,30 +25,20 @@ constexpr std::uint8_t cbus01Outputs = 0x30;
 constexpr std::uint8_t cbus01Levels = 0x03;
 constexpr std::uint8_t cbusLevels = 0x0F;
 
-// The translation of one of the driver's messages: gettext's lookup with the context
-// "TQ5Ftdi|", 0x04 between context and message. Without a translation the message itself.
-const char* tr(const char* message) __attribute__((format_arg(1)));
+// So often an opening is tried where events were lost: the first may come while the kernel is
+// still enumerating the unit, and is what loses the events of the second.
+constexpr int maxRefusals = 3;
 
-const char* tr(const char* message) {
-    const std::string key = std::string("TQ5Ftdi|\x04") + message;
-    const char* translation = gettext(key.c_str());
-    return key == translation ? message : translation;
+// Bus directory and device file, by which libusb opens the device: below /dev/bus/usb also the
+// path of its device node.
+std::string deviceFile(const struct usb_device* dev) {
+    return std::string(dev->bus->dirname) + "/" + dev->filename;
 }
 
-// What deviceNodePath returns, without its message.
-std::string pathInBusTree(struct usb_device* dev) {
-    const usb_bus* bus = dev->bus;
-    std::string path;
-    if (!bus->root_dev) return std::string(bus->dirname) + "/" + dev->filename;
-    if (!findDev(bus->root_dev, dev, path)) return "";
-    return std::string(bus->dirname) + "/" + path;
-}
-
-// The device node at `path`, in today's place or that of older systems; empty if there is none.
-std::string findDeviceNode(const std::string& path) {
-    if (path.empty()) return "";
+// The device node, in today's place or that of older systems; empty if there is none.
+std::string findDeviceNode(const struct usb_device* dev) {
     for (const char* root : {"/dev/bus/usb/", "/proc/bus/usb/"}) {
-        std::string node = root + path;
+        std::string node = root + deviceFile(dev);
         if (access(node.c_str(), F_OK) == 0) return node;
     }
     return "";
@@ -57,7 +47,12 @@ std::string findDeviceNode(const std::string& path) {
 }  // namespace
 
 std::string deviceNodePath(struct usb_device* dev) {
-    std::string result = pathInBusTree(dev);
+    std::string result;
+    if (!dev->bus->root_dev) {
+        result = deviceFile(dev);
+    } else if (findDev(dev->bus->root_dev, dev, result)) {
+        result = std::string(dev->bus->dirname) + "/" + result;
+    }
     logDebug2("device node path: '%s'", result.c_str());
     return result;
 }
@@ -75,6 +70,13 @@ bool findDev(struct usb_device* where, struct usb_device* dev, std::string& path
     return false;
 }
 
+const char* TQ5Ftdi::tr(const char* message) {
+    // 0x04 is gettext's separator between context and message.
+    const std::string key = std::string("TQ5Ftdi|\x04") + message;
+    const char* translation = gettext(key.c_str());
+    return key == translation ? message : translation;
+}
+
 TQ5Ftdi::TQ5Ftdi() : ftdi() {
     if (ftdi_init(&ftdi) < 0) logError(tr("ftdi_init failed"));
 }
@@ -86,17 +88,29 @@ TQ5Ftdi::~TQ5Ftdi() {
 
 bool TQ5Ftdi::openBySearch() {
     logDebug2("search FTDI devices");
-    return openListed(nullptr);
+    return openListed(nullptr, false);
 }
 
 bool TQ5Ftdi::openByNodePath(const std::string& path) {
     logDebug2("open FTDI device by node path: '%s'", path.c_str());
     if (path.empty()) return false;
-    return openListed(&path);
+    return openListed(&path, false);
+}
+
+bool TQ5Ftdi::openNewcomer() {
+    logDebug2("look for an FTDI device that arrived unheard");
+    return openListed(nullptr, true);
+}
+
+bool TQ5Ftdi::hasNewcomers() const {
+    for (const auto& entry : refusals) {
+        if (entry.second < maxRefusals) return true;
+    }
+    return false;
 }
 
 // Opens the first compatible unit of the library's list, or with a path the one at that path.
-bool TQ5Ftdi::openListed(const std::string* path) {
+bool TQ5Ftdi::openListed(const std::string* path, bool newcomersOnly) {
     ftdi_device_list* list = nullptr;
     bool opened = false;
     const int count = ftdi_usb_find_all(&ftdi, &list, vendorId, productId);
@@ -113,14 +127,29 @@ bool TQ5Ftdi::openListed(const std::string* path) {
             // With a path given it is compared first: units elsewhere are not even asked for
             // their product string.
             if (path && deviceNodePath(dev) != *path) continue;
-            if (!checkChipType(dev) || !openDevice(dev)) continue;
+            if (newcomersOnly && refusals[deviceFile(dev)] >= maxRefusals) continue;
+            if (!checkChipType(dev) || !openDevice(dev)) {
+                ++refusals[deviceFile(dev)];
+                continue;
+            }
             nodePath = path ? *path : deviceNodePath(dev);
             logInfo(tr("opened FTDI device '%s' (%s)"), description.c_str(), nodePath.c_str());
+            refusals.erase(deviceFile(dev));
             opened = true;
         }
     }
+    if (count >= 0) forgetUnlisted(list);
     if (list) ftdi_list_free(&list);
     return opened;
+}
+
+void TQ5Ftdi::forgetUnlisted(const ftdi_device_list* list) {
+    std::map<std::string, int> listed;
+    for (; list && !refusals.empty(); list = list->next) {
+        const auto entry = refusals.find(deviceFile(list->dev));
+        if (entry != refusals.end()) listed.insert(*entry);
+    }
+    refusals.swap(listed);
 }
 
 bool TQ5Ftdi::checkChipType(struct usb_device* dev) {
@@ -147,7 +176,7 @@ bool TQ5Ftdi::checkProduct(struct usb_device* dev) {
 
 bool TQ5Ftdi::openDevice(struct usb_device* dev) {
     // Looked for before the opening: a unit that leaves during it must be noticed as well.
-    deviceNode = findDeviceNode(pathInBusTree(dev));
+    deviceNode = findDeviceNode(dev);
     if (ftdi_usb_open_dev(&ftdi, dev) < 0) {
         logError(tr("unable to open ftdi device: %s"), ftdi_get_error_string(&ftdi));
         return false;

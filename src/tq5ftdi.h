@@ -4,6 +4,7 @@
 #include <usb.h>
 
 #include <cstdint>
+#include <map>
 #include <string>
 
 // The node path of a device listed by libusb, as uevents give it: bus directory, "/", device
@@ -19,7 +20,13 @@ bool findDev(struct usb_device* where, struct usb_device* dev, std::string& path
 // CBUS0 and CBUS1 to bit-bang mode. Owns one libftdi context and at most one open unit; every
 // failure is logged and told by a false result.
 class TQ5Ftdi {
+    ftdi_context ftdi;
+    std::string description;  // the unit's product string
+
 public:
+    // The node path of the open unit, empty when none is open. For reading.
+    std::string nodePath;
+
     // USB IDs of every FT232R.
     static constexpr int vendorId = 0x0403;
     static constexpr int productId = 0x6001;
@@ -38,6 +45,14 @@ public:
     // while none is open.
     bool openByNodePath(const std::string& path);
 
+    // Opens the first compatible unit among those attached, but passes over what has been turned
+    // away three times since it was attached (a device number is new at each attachment). Only
+    // while none is open.
+    bool openNewcomer();
+
+    // Whether a device that was turned away is one that openNewcomer would try again.
+    bool hasNewcomers() const;
+
     // Drives CBUS0 (bit 0 of `value`) and CBUS1 (bit 1), 1 for high, and reads them back: true
     // only when they read as written. The unit stays open either way.
     bool setPins(std::uint8_t value);
@@ -49,18 +64,21 @@ public:
     // was there at the opening and no longer is. Where there was none nothing can be told.
     bool isGone() const;
 
-    // The node path of the open unit, empty when none is open. For reading.
-    std::string nodePath;
-
 private:
+    // The translation of one of the driver's messages: gettext's lookup with the context
+    // "TQ5Ftdi|". Without a translation the message itself.
+    static const char* tr(const char* message) __attribute__((format_arg(1)));
+
     bool checkChipType(struct usb_device* dev);
     bool checkProduct(struct usb_device* dev);
     bool checkEeprom();
     bool openDevice(struct usb_device* dev);
-    bool openListed(const std::string* path);
+    bool openListed(const std::string* path, bool newcomersOnly);
+    void forgetUnlisted(const ftdi_device_list* list);
     void closeDevice(bool reset);
 
-    ftdi_context ftdi;
-    std::string description;
-    std::string deviceNode;
+    std::string deviceNode;  // the file of the open unit below /dev, if it has one
+
+    // How often a listed device was turned away, by bus directory and device file.
+    std::map<std::string, int> refusals;
 };

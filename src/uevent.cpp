@@ -1,5 +1,7 @@
 #include "uevent.h"
 
+#include <unistd.h>
+
 #include <string_view>
 
 namespace {
@@ -18,6 +20,10 @@ std::string_view nextToken(std::string_view& text) {
 }
 
 }  // namespace
+
+bool Uevent::deviceExists() const {
+    return access((sysfsDirectory + "/idVendor").c_str(), F_OK) == 0;
+}
 
 Uevent parseUevent(const char* datagram, std::size_t length) {
     Uevent event;

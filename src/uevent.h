@@ -13,6 +13,12 @@ struct Uevent {
     std::string sysfsDirectory;         // "/sys" and DEVPATH
     std::string busNumber;              // BUSNUM, three digits
     std::string deviceNumber;           // DEVNUM, three digits
+
+    // BUSNUM/DEVNUM, for example 001/004.
+    std::string nodePath() const { return busNumber + "/" + deviceNumber; }
+
+    // Whether the device is in sysfs now.
+    bool deviceExists() const;
 };
 
 // Parses the `length` bytes of a datagram; looks at nothing behind them, and skips entries that

@@ -7,9 +7,11 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "conversions.h"
 #include "daemonstate.h"
@@ -23,8 +25,32 @@ constexpr unsigned ueventGroup = 1;         // the kernel's broadcasts; udev's h
 constexpr timespec oneSecond = {1, 0};
 constexpr timespec noWait = {0, 0};
 
+// A burst of events is over when nothing has come for so long, and in any case at its limits.
+constexpr timespec burstGap = {0, 50'000'000};
+constexpr std::int64_t burstLimitMs = 300;
+constexpr std::size_t maxKept = 64;
+
+constexpr std::int64_t searchPaceMs = 1000;
+
+timespec now() {
+    timespec time = {};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return time;
+}
+
+std::int64_t millisecondsSince(const timespec& start) {
+    const timespec time = now();
+    return std::int64_t{time.tv_sec - start.tv_sec} * 1000 +
+           (time.tv_nsec - start.tv_nsec) / 1'000'000;
+}
+
 int openSocket() {
-    const int fd = socket(AF_NETLINK, SOCK_RAW, NETLINK_KOBJECT_UEVENT);
+    int fd = socket(AF_NETLINK, SOCK_RAW, NETLINK_KOBJECT_UEVENT);
+    if (fd >= FD_SETSIZE) {  // select's sets have no place for it
+        close(fd);
+        fd = -1;
+        errno = EMFILE;
+    }
     if (fd < 0) {
         // __extension__: "%m" is syslog's, not the C++ standard's.
         __extension__ logError("create socket: %m");
@@ -65,35 +91,27 @@ int waitUnlessStopped(int count, fd_set* readable, const timespec* limit) {
 }  // namespace
 
 std::string readFirstLine(const std::string& path) {
-    std::FILE* file = std::fopen(path.c_str(), "r");
-    if (!file) {
-        logError("read file error: %s: %s", path.c_str(), std::strerror(errno));
-        return "";
-    }
+    std::string line;
     char* buffer = nullptr;
     std::size_t capacity = 0;
-    errno = 0;  // an empty file sets none
-    if (getdelim(&buffer, &capacity, '\n', file) < 0) {
-        const char* reason = std::strerror(errno);
-        std::free(buffer);
-        std::fclose(file);
-        logError("read file error: %s: %s", path.c_str(), reason);
-        return "";
+    std::FILE* file = std::fopen(path.c_str(), "r");
+    if (file) errno = 0;  // an empty file sets none
+    if (file && getdelim(&buffer, &capacity, '\n', file) >= 0) {
+        line = buffer;
+        if (!line.empty() && line.back() == '\n') line.pop_back();
+    } else {
+        logError("read file error: %s: %s", path.c_str(), std::strerror(errno));
     }
-    std::string line = buffer;
     std::free(buffer);
-    std::fclose(file);
-    if (!line.empty() && line.back() == '\n') line.pop_back();
+    if (file) std::fclose(file);
     return line;
 }
 
-UeventMonitor::UeventMonitor() : fd(openSocket()) {}
+UeventMonitor::UeventMonitor() : fd(openSocket()), lastSearch(now()) {}
 
 UeventMonitor::~UeventMonitor() {
     if (fd >= 0) close(fd);
 }
-
-void UeventMonitor::pause() const { waitUnlessStopped(0, nullptr, &oneSecond); }
 
 bool UeventMonitor::waitForDevice(int vendorId, int productId) {
     return readEvent(vendorId, productId, "");
@@ -103,66 +121,101 @@ bool UeventMonitor::checkRemoved(const std::string& watchedPath) {
     return readEvent(0, 0, watchedPath);
 }
 
-bool UeventMonitor::deviceStays() {
-    if (lastEvent.action == "remove") return false;
-    if (access((lastEvent.sysfsDirectory + "/idVendor").c_str(), F_OK) != 0) return false;
+void UeventMonitor::pauseWithoutSocket() const {
+    if (fd < 0) waitUnlessStopped(0, nullptr, &oneSecond);
+}
+
+bool UeventMonitor::takeUnitThatStays() {
+    if (!reportedRemoval) return false;
+    const Uevent event = *std::exchange(reportedRemoval, std::nullopt);
+    if (event.action == "remove" || !event.deviceExists()) return false;
     added = true;
-    nodePath = lastEvent.busNumber + "/" + lastEvent.deviceNumber;
+    nodePath = event.nodePath();
     logDebug2("USB device %s is still attached after '%s'", nodePath.c_str(),
-              lastEvent.action.value_or("").c_str());
+              event.action.value_or("").c_str());
     return true;
 }
 
-bool UeventMonitor::eventsWereLost() {
-    if (!lost || waitReadable(&noWait)) return false;
-    lost = false;
+void UeventMonitor::passBurst() {
+    const timespec start = now();
+    while (waitReadable(&burstGap) && kept.size() < maxKept) {
+        std::string datagram = receive();
+        const Uevent event = parseUevent(datagram.data(), datagram.size());
+        const bool changesNothing = event.usbDevice && event.action && *event.action != "add" &&
+                                    *event.action != "remove" && event.nodePath() == nodePath &&
+                                    event.deviceExists();
+        if (!datagram.empty() && !changesNothing) kept.push_back(std::move(datagram));
+        if (millisecondsSince(start) >= burstLimitMs) break;
+    }
+}
+
+bool UeventMonitor::isQueueEmpty() const { return kept.empty() && !waitReadable(&noWait); }
+
+bool UeventMonitor::mustLook() const { return fd < 0 || (missed && isQueueEmpty()); }
+
+bool UeventMonitor::claimSearch() {
+    if (!mustLook() || millisecondsSince(lastSearch) < searchPaceMs) return false;
+    lastSearch = now();
+    missed = false;
     return true;
 }
 
 bool UeventMonitor::waitReadable(const timespec* limit) const {
+    if (fd < 0) return false;
     fd_set readable;
     FD_ZERO(&readable);
     FD_SET(fd, &readable);
     return waitUnlessStopped(fd + 1, &readable, limit) > 0 && FD_ISSET(fd, &readable);
 }
 
-bool UeventMonitor::readEvent(int vendorId, int productId, const std::string& watchedPath) {
-    logDebug3("wait for vid=%04X, pid=%04X, node='%s'", static_cast<unsigned>(vendorId),
-              static_cast<unsigned>(productId), watchedPath.c_str());
-    if (fd < 0) return false;
-    if (!waitReadable(watchedPath.empty() ? nullptr : &oneSecond)) return false;
-
+// Takes the next datagram off the socket; empty on any failure.
+std::string UeventMonitor::receive() {
     char datagram[datagramSize] = {};
     const ssize_t length = recv(fd, datagram, datagramSize, 0);
     // ENOBUFS is reported once for all that is dropped until the queue is empty (netlink(7)).
-    if (length < 0 && errno == ENOBUFS) lost = true;
-    if (length <= 0) return false;
-    return handleDatagram(datagram, static_cast<std::size_t>(length), vendorId, productId,
-                          watchedPath);
+    if (length < 0 && errno == ENOBUFS) missed = true;
+    return length > 0 ? std::string(datagram, static_cast<std::size_t>(length)) : std::string();
 }
 
-bool UeventMonitor::handleDatagram(const char* datagram, std::size_t length, int vendorId,
-                                   int productId, const std::string& watchedPath) {
-    lastEvent = parseUevent(datagram, length);
-    if (lastEvent.action) added = *lastEvent.action == "add";
-    if (!lastEvent.usbDevice) {
+bool UeventMonitor::readEvent(int vendorId, int productId, const std::string& watchedPath) {
+    logDebug3("wait for vid=%04X, pid=%04X, node='%s'", static_cast<unsigned>(vendorId),
+              static_cast<unsigned>(productId), watchedPath.c_str());
+    std::string datagram;
+    if (!kept.empty()) {
+        datagram = std::move(kept.front());
+        kept.pop_front();
+    } else {
+        const bool endless = watchedPath.empty() && !missed;
+        if (!waitReadable(endless ? nullptr : &oneSecond)) return false;
+        datagram = receive();
+    }
+    return !datagram.empty() && handleDatagram(datagram, vendorId, productId, watchedPath);
+}
+
+bool UeventMonitor::handleDatagram(const std::string& datagram, int vendorId, int productId,
+                                   const std::string& watchedPath) {
+    const Uevent event = parseUevent(datagram.data(), datagram.size());
+    if (event.action) added = *event.action == "add";
+    if (!event.usbDevice) {
         logDebug2("device is not 'usb_device'");
         return false;
     }
-    if (lastEvent.busNumber.empty() || lastEvent.deviceNumber.empty()) {
+    if (event.busNumber.empty() || event.deviceNumber.empty()) {
         logDebug2("can't get device node path");
         return false;
     }
-    const std::string eventPath = lastEvent.busNumber + "/" + lastEvent.deviceNumber;
+    const std::string eventPath = event.nodePath();
     logDebug3("got USB device: node=%s", eventPath.c_str());
 
     if (!added) {
         logDebug2("udev: FTDI USB device (%s) removed", eventPath.c_str());
-        return eventPath == watchedPath;
+        if (eventPath != watchedPath) return false;
+        reportedRemoval = event;
+        return true;
     }
 
-    const std::string vendorText = readFirstLine(lastEvent.sysfsDirectory + "/idVendor");
-    const std::string productText = readFirstLine(lastEvent.sysfsDirectory + "/idProduct");
+    const std::string vendorText = readFirstLine(event.sysfsDirectory + "/idVendor");
+    const std::string productText = readFirstLine(event.sysfsDirectory + "/idProduct");
     logDebug2("USB device VID/PID: %s:%s", vendorText.c_str(), productText.c_str());
     int vendor = 0;
     int product = 0;

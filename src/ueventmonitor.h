@@ -2,6 +2,8 @@
 
 #include <cstddef>
 #include <ctime>
+#include <deque>
+#include <optional>
 #include <string>
 
 #include "uevent.h"
@@ -19,52 +21,69 @@ std::string readFirstLine(const std::string& path);
 //   since 4.14     add, change, bind           unbind, remove
 // Interfaces of the device send events of their own, and `udevadm trigger` makes the kernel
 // send change for every device. Any action but "add" counts as a removal here, so the caller
-// asks deviceStays whether the device is there all the same.
+// asks takeUnitThatStays whether the device is there all the same.
 class UeventMonitor {
+    int fd;  // the socket, -1 when there is none
+
 public:
-    // Opens the socket; a failure is logged and leaves the monitor without one for good.
-    UeventMonitor();
-    UeventMonitor(const UeventMonitor&) = delete;
-    UeventMonitor& operator=(const UeventMonitor&) = delete;
-    virtual ~UeventMonitor();
-
-    // False when there is no socket; both waits then return false without blocking.
-    bool hasSocket() const { return fd >= 0; }
-
-    // Waits a second, or until a signal: what a caller does instead where there is no socket.
-    void pause() const;
-
-    // Waits without time limit. True only for the arrival of a USB device with these IDs;
-    // `nodePath` then names it.
-    bool waitForDevice(int vendorId, int productId);
-
-    // Waits one second at most (without limit, and never true, for an empty path). True only
-    // for an event of the USB device at `watchedPath` whose action is not "add".
-    bool checkRemoved(const std::string& watchedPath);
-
-    // After checkRemoved returned true: true when the event was no removal and its device is
-    // still in sysfs. That counts as the device's arrival: `added` and `nodePath` are set as by
-    // waitForDevice.
-    bool deviceStays();
-
-    // True once after the kernel dropped events for want of buffer space, and not before the
-    // queue has been read empty: until then the kernel goes on dropping, so whoever looks for
-    // what was missed would miss the rest.
-    bool eventsWereLost();
-
     // Whether the last event that named an action was an "add".
     bool added = false;
 
     // BUSNUM/DEVNUM of the device that arrived last, for example 001/004; empty before.
     std::string nodePath;
 
+    // Something came or went without an event, or may have: set here when the kernel drops
+    // events for want of buffer space, and by the caller when it finds out by itself. The caller
+    // clears it once it has looked.
+    bool missed = false;
+
+    // Opens the socket; a failure is logged and leaves the monitor without one for good.
+    UeventMonitor();
+    UeventMonitor(const UeventMonitor&) = delete;
+    UeventMonitor& operator=(const UeventMonitor&) = delete;
+    virtual ~UeventMonitor();
+
+    // Waits without time limit, or a second as long as something was missed. True only for the
+    // arrival of a USB device with these IDs; `nodePath` then names it.
+    bool waitForDevice(int vendorId, int productId);
+
+    // Waits one second at most (without limit, and never true, for an empty path). True only
+    // for an event of the USB device at `watchedPath` whose action is not "add".
+    bool checkRemoved(const std::string& watchedPath);
+
+    // Where there is no socket, and so nothing to wait for, waits a second or until a signal.
+    void pauseWithoutSocket() const;
+
+    // Once after checkRemoved returned true: whether the event was no removal and its device is
+    // still in sysfs. That counts as the device's arrival: `added` and `nodePath` are set as by
+    // waitForDevice.
+    bool takeUnitThatStays();
+
+    // After an arrival: waits until the events that follow it have come, that is until none has
+    // for some time. Those of the arrived device that are neither its arrival nor its removal
+    // are forgotten while it is attached; all others are kept for the next calls.
+    void passBurst();
+
+    // True when all events have been handled.
+    bool isQueueEmpty() const;
+
+    // True when it is up to the caller to look what came and went: something was missed, or
+    // there is no socket. Not before the queue is empty: until then the kernel goes on dropping
+    // events, so whoever looked would miss the rest.
+    bool mustLook() const;
+
+    // Asks to search for a unit that arrived unheard: true when mustLook is, but only once a
+    // second. Nothing counts as missed then.
+    bool claimSearch();
+
 private:
     bool readEvent(int vendorId, int productId, const std::string& watchedPath);
     bool waitReadable(const timespec* limit) const;
-    bool handleDatagram(const char* datagram, std::size_t length, int vendorId, int productId,
+    std::string receive();
+    bool handleDatagram(const std::string& datagram, int vendorId, int productId,
                         const std::string& watchedPath);
 
-    int fd = -1;
-    bool lost = false;
-    Uevent lastEvent;
+    std::deque<std::string> kept;           // datagrams read ahead, to be handled first
+    std::optional<Uevent> reportedRemoval;  // the event that made checkRemoved return true
+    timespec lastSearch;                    // when claimSearch was last true, or the start
 };

@@ -49,7 +49,7 @@ protected:
             {"ftdi_deinit", "end"},
             {"<7>wait device inserted", "wait"},
             {"<7>USB device 001/004 is still attached", "stays"},
-            {"<7>uevents were lost", "lost"},
+            {"<7>look for", "look"},
             {"<7>device node /dev/bus/usb/001/004 is gone", "gone"},
         };
         DaemonState::running = 0;
@@ -131,6 +131,20 @@ TEST_F(AlarmDaemonTest, ReopensAUnitThatStaysAfterAnEvent) {
         "find open 3 off close wait stays find open 3 off close wait stays find open wait end");
 }
 
+TEST_F(AlarmDaemonTest, OpensOnceForEachArrival) {
+    world.attach("004");
+    world.results["find_all"] = {-1};
+    EXPECT_EQ(run({{waiting,
+                    [&] {
+                        usb("add");
+                        usb("change");
+                    }},
+                   {"<7>udev", [&] { send("ACTION=add|DEVTYPE=usb_interface|"); }},
+                   {"<7>device is not", [] {}},
+                   {cycle, stop}}),
+              "find wait find open 3 off close end");
+}
+
 TEST_F(AlarmDaemonTest, LooksAgainAfterLostEvents) {
     EXPECT_EQ(
         run({{waiting,
@@ -145,23 +159,57 @@ TEST_F(AlarmDaemonTest, LooksAgainAfterLostEvents) {
                   putNode(false);
                   world.results["open"] = {-1};
               }},
-             {waiting, [&] { flood(); }},
+             {"<7>device node /", [] {}},
              {cycle, stop}}),
-        "find wait lost find open 3 gone off close find open wait lost find open 3 off close end");
+        "find wait look find open 3 gone off close wait look find open wait look find open 3 off "
+        "close end");
 }
 
-TEST_F(AlarmDaemonTest, NoticesAtAFailedWriteThatTheNodeIsGone) {
+TEST_F(AlarmDaemonTest, TurnsAUnitAwayThreeTimesWhereEventsAreLost) {
     world.attach("004");
-    for (const bool nodeAtOpening : {true, false}) {
-        putNode(nodeAtOpening);
-        world.results["bitmode"] = {-1};
-        EXPECT_EQ(run({{"eeprom", [&] { putNode(false); }},
-                       {"bitmode", [] {}},
-                       {"bitmode", [] {}},
-                       {cycle, stop}}),
-                  nodeAtOpening ? "find open 3 gone close find open 3 off close end"
-                                : "find open 3 3 off close end");
+    world.results["open"] = std::deque<int>(4, -1);
+    const char* const passedOver = "<7>checking";
+    EXPECT_EQ(run({{waiting, [&] { flood(); }},
+                   {"open", [] {}},
+                   {"open", [&] { flood(); }},
+                   {passedOver, [&] { usb("add"); }},  // reported, it is opened all the same
+                   {"open", [] {}},
+                   {waiting,
+                    [&] {
+                        world.attached.clear();
+                        flood();
+                    }},
+                   {"find_all", [] {}},
+                   {waiting,
+                    [&] {
+                        world.attach("004");  // another unit, after a round of all numbers
+                        flood();
+                    }},
+                   {cycle, stop}}),
+              "find open wait look find open wait look find open wait look find wait find open "
+              "wait look find wait look find open 3 off close end");
+}
+
+TEST_F(AlarmDaemonTest, LooksForTheNodeOnceAllEventsAreHandled) {
+    world.attach("004");
+    for (const bool reported : {true, false}) {
+        putNode(true);
+        world.results["bitmode"] = std::deque<int>(reported ? 2 : 1, -1);
+        EXPECT_EQ(run({{cycle,
+                        [&] {
+                            putNode(false);
+                            send("x");
+                            if (reported) usb("remove");
+                        }},
+                       {"<7>wait device inserted", [] {}},
+                       {reported ? waiting : cycle, stop}}),
+                  reported ? "find open 3 3 close wait end"
+                           : "find open 3 gone close wait look find open 3 off close end");
     }
+    // Where there was no node at the opening, nothing can be told.
+    world.results["bitmode"] = {-1};
+    EXPECT_EQ(run({{"bitmode", [] {}}, {"bitmode", [] {}}, {cycle, stop}}),
+              "find open 3 3 off close end");
 }
 
 TEST_F(AlarmDaemonTest, HonoursAStopRequestAtAnyMoment) {
@@ -177,17 +225,19 @@ TEST_F(AlarmDaemonTest, HonoursAStopRequestAtAnyMoment) {
     EXPECT_EQ(cycles, 0);
 }
 
-TEST_F(AlarmDaemonTest, IsCalmWithoutASocket) {
+TEST_F(AlarmDaemonTest, LooksOnceASecondWithoutASocket) {
     const UeventMonitor holder;  // of the process's netlink address
-    for (const bool attached : {false, true}) {
-        if (attached) world.attach("004");
-        const char* pass = attached ? cycle : waiting;
-        const std::time_t start = std::time(nullptr);
-        EXPECT_EQ(
-            run({{pass, [] {}}, {pass, [&] { alarm("ALARM1="); }}, {pass, [] {}}, {pass, stop}}),
-            attached ? "find open 1 off close end" : "find wait end");
-        EXPECT_GE(std::time(nullptr) - start, 2);  // three pauses of a second
-    }
+    const std::time_t start = std::time(nullptr);
+    EXPECT_EQ(
+        run({{waiting, [] {}},
+             {waiting, [&] { world.attach("004"); }},
+             {cycle, [&] { alarm("ALARM1="); }},
+             {cycle, [&] { putNode(false); }},
+             {cycle, [&] { putNode(true); }},
+             {cycle, stop}}),
+        "find wait look find wait look find open 3 1 gone off close wait look find open 1 off "
+        "close end");
+    EXPECT_GE(std::time(nullptr) - start, 4);  // a second each for what was waited for
 }
 
 }  // namespace

@@ -1,5 +1,10 @@
 #include "uevent.h"
 
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <filesystem>
+
 #include "kernelevents.h"
 #include "logger.h"
 #include "ueventmonitor.h"
@@ -106,25 +111,79 @@ TEST_F(MonitorTest, ReturnsAtOnceWithoutASocket) {
     const UeventMonitor first;
     UeventMonitor second;  // the process's netlink address is taken
     EXPECT_EQ(world.take(), "<3>bind socket: Address already in use|");
-    EXPECT_FALSE(second.hasSocket());
+    EXPECT_TRUE(second.mustLook());
     EXPECT_FALSE(second.waitForDevice(0x0403, 0x6001));
     EXPECT_FALSE(second.checkRemoved("001/004"));
 }
 
+TEST_F(MonitorTest, TakesNoDescriptorBeyondSelectsSets) {
+    rlimit limit = {};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = FD_SETSIZE + 10;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    std::vector<int> descriptors;
+    do descriptors.push_back(dup(0));
+    while (descriptors.back() < FD_SETSIZE);
+    close(descriptors.back());
+    {
+        UeventMonitor monitor;
+        EXPECT_EQ(world.take(), "<3>create socket: Too many open files|");
+        EXPECT_FALSE(monitor.checkRemoved("001/004"));
+        const int next = dup(0);
+        EXPECT_EQ(next, descriptors.back());  // nothing was left open
+        close(next);
+    }
+    descriptors.pop_back();
+    for (const int descriptor : descriptors) close(descriptor);
+}
+
 TEST_F(MonitorTest, RemembersLostEventsUntilTheQueueIsEmpty) {
     UeventMonitor monitor;
-    EXPECT_FALSE(monitor.eventsWereLost());
+    EXPECT_FALSE(monitor.mustLook());
     for (int i = 0; i < 100; ++i) send("ACTION=remove|BUSNUM=001|DEVNUM=009");
     EXPECT_FALSE(monitor.checkRemoved("001/004"));  // the kernel reports the loss first
     int handled = 0;
-    while (!monitor.eventsWereLost()) {
+    while (!monitor.mustLook()) {
         ASSERT_LT(++handled, 100);
         EXPECT_FALSE(monitor.checkRemoved("001/004"));
     }
     EXPECT_GT(handled, 0);
-    EXPECT_FALSE(monitor.eventsWereLost());
+    monitor.missed = false;
+    EXPECT_FALSE(monitor.mustLook());
     send(usbEvent("remove", "004"));
     EXPECT_TRUE(monitor.checkRemoved("001/004"));
+}
+
+TEST_F(MonitorTest, KeepsAllOfABurstButWhatItsArrivalBrings) {
+    SysLog::instance()->setDebugLevel(2);
+    UeventMonitor monitor;
+    send(usbEvent("add", "004"));
+    ASSERT_TRUE(monitor.waitForDevice(0x0403, 0x6001));
+    world.trace.clear();
+    const std::string interface = "ACTION=bind|DEVTYPE=usb_interface|";
+    for (const std::string& event :
+         {usbEvent("change", "004"), interface, usbEvent("bind", "004"), usbEvent("add", "004"),
+          usbEvent("change", "005"), usbEvent("remove", "004")}) {
+        send(event);
+        monitor.passBurst();
+    }
+    EXPECT_EQ(world.take(), "");
+    EXPECT_FALSE(monitor.isQueueEmpty());
+    std::vector<bool> removed;
+    while (!monitor.isQueueEmpty()) removed.push_back(monitor.checkRemoved("001/004"));
+    EXPECT_EQ(removed, std::vector<bool>({false, false, false, true}));
+    EXPECT_EQ(world.take(),
+              "<7>device is not 'usb_device'|<7>USB device VID/PID: 0403:6001|"
+              "<7>udev: FTDI USB device (001/005) removed|"
+              "<7>udev: FTDI USB device (001/004) removed|");
+
+    // A unit that has left again takes its events with it.
+    putSysfs("", "");
+    std::filesystem::remove(folder + "/idVendor");
+    send(usbEvent("unbind", "004"));
+    monitor.passBurst();
+    EXPECT_TRUE(monitor.checkRemoved("001/004"));
+    EXPECT_FALSE(monitor.takeUnitThatStays());
 }
 
 }  // namespace
