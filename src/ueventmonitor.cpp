@@ -138,7 +138,7 @@ bool UeventMonitor::takeUnitThatStays() {
 
 void UeventMonitor::passBurst() {
     const timespec start = now();
-    while (waitReadable(&burstGap) && kept.size() < maxKept) {
+    while (kept.size() < maxKept && waitReadable(&burstGap)) {
         std::string datagram = receive();
         const Uevent event = parseUevent(datagram.data(), datagram.size());
         const bool changesNothing = event.usbDevice && event.action && *event.action != "add" &&
