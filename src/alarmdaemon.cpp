@@ -75,18 +75,16 @@ AlarmDaemon::Step AlarmDaemon::serveUnit(UeventMonitor& monitor) {
         }
 
         // Also after a failed write: this paces the retries and notices a removal meanwhile.
-        if (monitor.checkRemoved(device.nodePath) && !monitor.added) {
+        bool removed = monitor.checkRemoved(device.nodePath) && !monitor.added;
+        if (!removed) {
+            monitor.pauseWithoutSocket();
+            // A unit that left unheard may have a successor that came unheard.
+            if (monitor.mustLook() || (writeFailed && monitor.isQueueEmpty()))
+                removed = monitor.missed = device.isGone();
+        }
+        if (removed) {
             device.close();
             return DaemonState::running ? Step::wait : Step::end;
-        }
-        monitor.pauseWithoutSocket();
-        if (monitor.mustLook() || (writeFailed && monitor.isQueueEmpty())) {
-            // A unit that left unheard may have a successor that came unheard.
-            monitor.missed = device.isGone();
-            if (monitor.missed) {
-                device.close();
-                return Step::wait;
-            }
         }
     } while (DaemonState::running);
     return Step::end;
