@@ -8,6 +8,13 @@ endif()
 set(documentation usr/share/doc/pinwatchd)
 set(here ${CMAKE_CURRENT_LIST_DIR})
 
+function(install_program target directory)
+    install(TARGETS ${target} RUNTIME DESTINATION ${directory})
+    # cpack's own stripping leaves the compiler's name in.
+    install(CODE "execute_process(COMMAND_ERROR_IS_FATAL ANY COMMAND ${CMAKE_STRIP} -R .comment
+        \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${directory}/${target}\")")
+endfunction()
+
 # Installs a file as NAME.gz; without a time inside, so that equal input gives equal packages.
 function(install_compressed file directory name)
     install(FILES ${file} DESTINATION ${directory} RENAME ${name})
@@ -15,7 +22,7 @@ function(install_compressed file directory name)
         \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${directory}/${name}\")")
 endfunction()
 
-install(TARGETS pinwatchd RUNTIME DESTINATION opt/orvel/bin)
+install_program(pinwatchd opt/orvel/bin)
 install(FILES ${here}/orvel.conf DESTINATION opt/orvel/etc)
 install(DIRECTORY DESTINATION var/opt/orvel/etc)
 
@@ -39,8 +46,8 @@ install(FILES ${here}/deb/lintian-overrides DESTINATION usr/share/lintian/overri
     RENAME pinwatchd)
 
 set(CPACK_GENERATOR DEB)
+set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
 set(CPACK_PACKAGING_INSTALL_PREFIX /)
-set(CPACK_STRIP_FILES ON)
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "show alarms on a USB alarm-output unit")
 set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
     "Mirrors the alarm state that another program publishes in an INI file onto
@@ -49,7 +56,11 @@ follows the unit through unplugging and re-insertion.")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_PACKAGE_SECTION utils)
-set(CPACK_DEBIAN_PACKAGE_MAINTAINER "pinwatchd maintainers <maintainers@pinwatchd.example>")
+# The changelog's last entry, which stands first, has the maintainer and the time of everything.
+file(STRINGS ${here}/deb/changelog signature REGEX "^ -- .*>  " LIMIT_COUNT 1)
+string(REGEX MATCH "[^ -].*>" CPACK_DEBIAN_PACKAGE_MAINTAINER ${signature})
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${here}/deb/changelog)
+set(CPACK_PROJECT_CONFIG_FILE ${here}/packtime.cmake)
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
     set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE i386)
 endif()
