@@ -64,10 +64,10 @@ set(CPACK_PROJECT_CONFIG_FILE ${here}/packtime.cmake)
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
     set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE i386)
 endif()
-# Written out, as dpkg-shlibdeps cannot see a cross build's libraries. libc's version is that of
-# the newest symbol used, which libgcc's unwinder brings in.
-set(CPACK_DEBIAN_PACKAGE_DEPENDS
-    "libc6 (>= 2.35), libftdi1 (>= 0.20), libusb-0.1-4 (>= 2:0.1.12)")
+# Written out, as dpkg-shlibdeps cannot see a cross build's libraries; packtime.cmake adds libc.
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "libftdi1 (>= 0.20), libusb-0.1-4 (>= 2:0.1.12)")
+set(CPACK_PINWATCHD_PROGRAMS ${CMAKE_BINARY_DIR}/pinwatchd)
+set(CPACK_PINWATCHD_READELF ${CMAKE_READELF})
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
     ${here}/deb/conffiles ${here}/deb/postinst ${here}/deb/prerm ${here}/deb/postrm)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
