@@ -34,6 +34,7 @@ int AlarmDaemon::run() {
                 break;
             case Step::look:
                 if (device.openNewcomer()) {
+                    monitor.passBurstOf(device.nodePath);
                     step = serveUnit(monitor);
                 } else {
                     // The kernel may have been enumerating what was turned away.

@@ -1,5 +1,6 @@
 #include "uevent.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <string_view>
@@ -23,6 +24,17 @@ std::string_view nextToken(std::string_view& text) {
 
 bool Uevent::deviceExists() const {
     return access((sysfsDirectory + "/idVendor").c_str(), F_OK) == 0;
+}
+
+bool Uevent::deviceIsConfigured() const {
+    // Reading it takes the device's lock, which the kernel holds while it enumerates the device
+    // (bConfigurationValue_show in drivers/usb/core/sysfs.c).
+    const int file = open((sysfsDirectory + "/bConfigurationValue").c_str(), O_RDONLY | O_CLOEXEC);
+    if (file < 0) return false;
+    char digit = '\0';
+    const bool configured = read(file, &digit, 1) == 1 && digit != '\n';
+    close(file);
+    return configured;
 }
 
 Uevent parseUevent(const char* datagram, std::size_t length) {

@@ -19,6 +19,10 @@ struct Uevent {
 
     // Whether the device is in sysfs now.
     bool deviceExists() const;
+
+    // Whether the kernel has enumerated it: waits as long as it is at it, and has sent by then
+    // what it sends for an arrival. False too where sysfs does not tell.
+    bool deviceIsConfigured() const;
 };
 
 // Parses the `length` bytes of a datagram; looks at nothing behind them, and skips entries that

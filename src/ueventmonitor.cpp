@@ -25,7 +25,8 @@ constexpr unsigned ueventGroup = 1;         // the kernel's broadcasts; udev's h
 constexpr timespec oneSecond = {1, 0};
 constexpr timespec noWait = {0, 0};
 
-// A burst of events is over when nothing has come for so long, and in any case at its limits.
+// A burst of events is over when nothing has come for so long from a device that the kernel has
+// enumerated, and in any case at its limits.
 constexpr timespec burstGap = {0, 50'000'000};
 constexpr std::int64_t burstLimitMs = 300;
 constexpr std::size_t maxKept = 64;
@@ -131,6 +132,7 @@ bool UeventMonitor::takeUnitThatStays() {
     if (event.action == "remove" || !event.deviceExists()) return false;
     added = true;
     nodePath = event.nodePath();
+    arrival = event;
     logDebug2("USB device %s is still attached after '%s'", nodePath.c_str(),
               event.action.value_or("").c_str());
     return true;
@@ -138,15 +140,31 @@ bool UeventMonitor::takeUnitThatStays() {
 
 void UeventMonitor::passBurst() {
     const timespec start = now();
-    while (kept.size() < maxKept && waitReadable(&burstGap)) {
-        std::string datagram = receive();
-        const Uevent event = parseUevent(datagram.data(), datagram.size());
-        const bool changesNothing = event.usbDevice && event.action && *event.action != "add" &&
-                                    *event.action != "remove" && event.nodePath() == nodePath &&
-                                    event.deviceExists();
-        if (!datagram.empty() && !changesNothing) kept.push_back(std::move(datagram));
-        if (millisecondsSince(start) >= burstLimitMs) break;
+    bool over = false;
+    while (kept.size() < maxKept) {
+        const bool came = readAhead(nodePath, over ? &noWait : &burstGap);
+        if (over && !came) return;
+        over = over || (!came && arrival.deviceIsConfigured()) ||
+               millisecondsSince(start) >= burstLimitMs;
     }
+}
+
+void UeventMonitor::passBurstOf(const std::string& path) {
+    while (kept.size() < maxKept && readAhead(path, &noWait)) {
+    }
+}
+
+// Takes one datagram off the socket, for later unless it only goes on about the arrival of the
+// unit at `path`. False when none comes within the limit.
+bool UeventMonitor::readAhead(const std::string& path, const timespec* limit) {
+    if (!waitReadable(limit)) return false;
+    std::string datagram = receive();
+    const Uevent event = parseUevent(datagram.data(), datagram.size());
+    const bool changesNothing = event.usbDevice && event.action && *event.action != "add" &&
+                                *event.action != "remove" && event.nodePath() == path &&
+                                event.deviceExists();
+    if (!datagram.empty() && !changesNothing) kept.push_back(std::move(datagram));
+    return true;
 }
 
 bool UeventMonitor::isQueueEmpty() const { return kept.empty() && !waitReadable(&noWait); }
@@ -227,5 +245,6 @@ bool UeventMonitor::handleDatagram(const std::string& datagram, int vendorId, in
     logDebug2("udev: FTDI USB device (%04X:%04X) inserted", static_cast<unsigned>(vendorId),
               static_cast<unsigned>(productId));
     nodePath = eventPath;
+    arrival = event;
     return true;
 }

@@ -59,10 +59,14 @@ public:
     // waitForDevice.
     bool takeUnitThatStays();
 
-    // After an arrival: waits until the events that follow it have come, that is until none has
-    // for some time. Those of the arrived device that are neither its arrival nor its removal
-    // are forgotten while it is attached; all others are kept for the next calls.
+    // After an arrival, before the unit is opened: lets the events pass that follow it. Waits
+    // until none has come for some time and the kernel has enumerated the unit. Those of the
+    // unit that are neither its arrival nor its removal are forgotten while it is attached; all
+    // others are kept for the next calls.
     void passBurst();
+
+    // The same for the events that have come of the unit at `path`, whose arrival went unheard.
+    void passBurstOf(const std::string& path);
 
     // True when all events have been handled.
     bool isQueueEmpty() const;
@@ -79,11 +83,13 @@ public:
 private:
     bool readEvent(int vendorId, int productId, const std::string& watchedPath);
     bool waitReadable(const timespec* limit) const;
+    bool readAhead(const std::string& path, const timespec* limit);
     std::string receive();
     bool handleDatagram(const std::string& datagram, int vendorId, int productId,
                         const std::string& watchedPath);
 
     std::deque<std::string> kept;           // datagrams read ahead, to be handled first
     std::optional<Uevent> reportedRemoval;  // the event that made checkRemoved return true
+    Uevent arrival;                         // the event that `nodePath` is from
     timespec lastSearch;                    // when claimSearch was last true, or the start
 };
