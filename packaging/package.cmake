@@ -23,8 +23,12 @@ function(install_compressed file directory name)
 endfunction()
 
 install_program(pinwatchd opt/orvel/bin)
-install(FILES ${here}/orvel.conf DESTINATION opt/orvel/etc)
-install(DIRECTORY DESTINATION var/opt/orvel/etc)
+install(PROGRAMS ${here}/pinwatchd-prepare DESTINATION opt/orvel/libexec)
+# For root alone: who can read settings can lock them, and a start would wait.
+install(FILES ${here}/orvel.conf DESTINATION opt/orvel/etc
+    PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ)
+install(DIRECTORY DESTINATION var/opt/orvel/etc
+    DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE)
 
 install(FILES ${here}/pinwatchd.service DESTINATION lib/systemd/system)
 install(FILES ${here}/pinwatchd.tmpfiles DESTINATION usr/lib/tmpfiles.d RENAME pinwatchd.conf)
