@@ -3,23 +3,40 @@
 or the new one, never a part, and always another time.
 """
 
+import fcntl
 import os
+import signal
 import sys
 import tempfile
 import time
 
 
 def publish(path, text):
+    folder = os.path.dirname(path) or "."
+    # One publisher at a time, by a lock on the directory, which no rename takes away; and each to
+    # its end, which is near.
+    lock = os.open(folder, os.O_RDONLY)
+    try:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        mask = signal.pthread_sigmask(signal.SIG_BLOCK, signal.valid_signals())
+        try:
+            replace(folder, path, text)
+        finally:
+            signal.pthread_sigmask(signal.SIG_SETMASK, mask)
+    finally:
+        os.close(lock)
+
+
+def replace(folder, path, text):
     # In the same directory, for a file only moves whole within one file system.
-    descriptor, new = tempfile.mkstemp(dir=os.path.dirname(path) or ".")
+    descriptor, new = tempfile.mkstemp(dir=folder)
     try:
         with os.fdopen(descriptor, "w") as file:
             file.write(text)
-        os.chmod(new, 0o644)
         # Versions are told apart by their times in whole seconds. Counting up from the version
         # before never comes back to a time that was used already.
         try:
-            previous = int(os.stat(path).st_mtime)
+            previous = int(os.lstat(path).st_mtime)
         except FileNotFoundError:
             previous = 0
         seconds = max(int(time.time()), previous + 1)
@@ -31,4 +48,6 @@ def publish(path, text):
 
 
 if __name__ == "__main__":
+    if len(sys.argv) != 2:
+        sys.exit("usage: publish.py FILE")
     publish(sys.argv[1], sys.stdin.read())
