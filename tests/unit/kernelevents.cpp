@@ -10,11 +10,27 @@
 #include <filesystem>
 #include <fstream>
 
+namespace {
+
+bool enterOwnSystem() {
+    const auto user = getuid();
+    const auto group = getgid();
+    const int ownUsers = user == 0 ? 0 : CLONE_NEWUSER;
+    if (unshare(CLONE_NEWNET | CLONE_NEWNS | ownUsers) != 0) return false;
+    if (ownUsers) {
+        std::ofstream("/proc/self/setgroups") << "deny";
+        std::ofstream("/proc/self/uid_map") << "0 " << user << " 1";
+        std::ofstream("/proc/self/gid_map") << "0 " << group << " 1";
+    }
+    return mount("", "/", "", MS_PRIVATE | MS_REC, "") == 0 &&
+           mount("", "/dev", "tmpfs", 0, "") == 0;
+}
+
+}  // namespace
+
 void KernelEventsTest::SetUp() {
-    static const bool ownSystem = unshare(CLONE_NEWNET | CLONE_NEWNS) == 0 &&
-                                  mount("", "/", "", MS_PRIVATE | MS_REC, "") == 0 &&
-                                  mount("", "/dev", "tmpfs", 0, "") == 0;
-    if (!ownSystem) GTEST_SKIP() << "namespaces need root";
+    static const bool ownSystem = enterOwnSystem();
+    if (!ownSystem) GTEST_SKIP() << "namespaces need root here";
     putNode(true);
     sender = socket(AF_NETLINK, SOCK_RAW, NETLINK_KOBJECT_UEVENT);
     sockaddr_nl address = {};

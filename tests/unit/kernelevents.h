@@ -6,7 +6,8 @@
 
 // A test with uevents and device nodes of its own: a private network namespace, in which this
 // class multicasts on the kernel's behalf, an empty /dev in a private mount namespace, and a
-// folder that stands in for a device's sysfs directory. Needs root, skips without.
+// folder that stands in for a device's sysfs directory. Skips where the kernel lets only root make
+// namespaces, and this user is another.
 class KernelEventsTest : public WorldTest {
 protected:
     void SetUp() override;

@@ -2,21 +2,21 @@
 
 namespace {
 
-std::string lamp(Level level, bool colour) {
+const char* lamp(Level level) {
     switch (level) {
         case Level::high:
-            return colour ? "\033[32m●\033[0m" : "●";
+            return "●";
         case Level::low:
-            return colour ? "\033[31m○\033[0m" : "○";
+            return "○";
         case Level::floating:
             break;
     }
-    return colour ? "\033[2m-\033[0m" : "-";
+    return "-";
 }
 
 }  // namespace
 
-std::string lamps(const Unit& unit, bool colour) {
+std::string lamps(const Unit& unit) {
     const Level cbus0 = unit.cbus(0);
     const Level cbus1 = unit.cbus(1);
     std::string pins = "floating";
@@ -24,5 +24,5 @@ std::string lamps(const Unit& unit, bool colour) {
         const int value = (cbus0 == Level::high ? 1 : 0) + (cbus1 == Level::high ? 2 : 0);
         pins = "0" + std::to_string(value);
     }
-    return "CBUS0 " + lamp(cbus0, colour) + " CBUS1 " + lamp(cbus1, colour) + " pins=" + pins;
+    return std::string("CBUS0 ") + lamp(cbus0) + " CBUS1 " + lamp(cbus1) + " pins=" + pins;
 }

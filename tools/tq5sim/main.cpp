@@ -69,7 +69,7 @@ void printError(const std::string& message) {
 
 class Simulator {
 public:
-    Simulator() : colour(isatty(STDOUT_FILENO) == 1) { clock_gettime(CLOCK_MONOTONIC, &start); }
+    Simulator() { clock_gettime(CLOCK_MONOTONIC, &start); }
 
     // Serves the units and standard input until told to quit; then all units are gone.
     void run();
@@ -83,7 +83,6 @@ private:
     void report(unsigned number, const Unit& unit, const std::string& event) const;
     void reportGone(unsigned number, const std::string& event) const;
 
-    const bool colour;
     timespec start;
     bool running = true;
     std::string input;
@@ -233,8 +232,8 @@ long long Simulator::elapsedMs() const {
 
 void Simulator::report(unsigned number, const Unit& unit, const std::string& event) const {
     const long long ms = elapsedMs();
-    std::printf("%lld.%03lld unit %u: %s %s\n", ms / 1000, ms % 1000, number,
-                lamps(unit, colour).c_str(), event.c_str());
+    std::printf("%lld.%03lld unit %u: %s %s\n", ms / 1000, ms % 1000, number, lamps(unit).c_str(),
+                event.c_str());
 }
 
 // Without power nothing is driven, whatever the unit was told before.
