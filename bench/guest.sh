@@ -4,7 +4,7 @@
 
 tries=100
 
-freshState
+startInstallation
 writeSettings ""
 plugAndWait 0
 startDaemon
@@ -31,5 +31,3 @@ while [ "$try" -lt "$tries" ]; do
 done
 sed "s/^/pinwatchd /" "/proc/$daemonPid/smaps_rollup"
 sed "s/^/earlyoom /" "/proc/$!/smaps_rollup"
-kill "$!"
-endProcesses

@@ -6,21 +6,18 @@
 service=/etc/init.d/pinwatchd
 publish=/usr/share/doc/pinwatchd/examples/publish.sh
 
-packageShowsAlarm() {
-    rm -rf /opt/orvel
-    expect dpkg-deb -x /pinwatchd.deb /
-    plugAndWait 0
-    expect $service start
-    expect $service status
-    expectPins 0 03
-    echo "ALARM1=open" | expect $publish /run/orvel/alarms
-    expectPins 0 01
-    expect $service restart
-    expectLog "opened FTDI device" 2
-    expectPins 0 01
-    expect $service stop
-    expectPins 0 floating
-    cat "$simLog"
-}
-
-runScenarios packageShowsAlarm
+startInstallation
+rm -rf /opt/orvel
+expect dpkg-deb -x /pinwatchd.deb /
+plugAndWait 0
+expect $service start
+expect $service status
+expectPins 0 03
+echo "ALARM1=open" | expect $publish /run/orvel/alarms
+expectPins 0 01
+expect $service restart
+expectLog "opened FTDI device" 2
+expectPins 0 01
+expect $service stop
+expectPins 0 floating
+cat "$simLog"

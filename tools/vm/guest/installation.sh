@@ -1,26 +1,23 @@
 # shellcheck shell=dash
-# Read in by tools/vm/run before a script: functions to play an installation with the daemon,
-# virtual units and a system log. For busybox sh, as root.
+# Read in by tools/vm/run before a script: an installation to play with, the daemon with its files,
+# virtual units and a system log. For busybox sh, as root. The VM is the clean-up.
 
 settingsFile=/opt/orvel/etc/orvel.conf
-overlayFile=/var/opt/orvel/etc/orvel.conf
 dataDir=/tmp/orvel/data
 alarmsFile=$dataDir/alarms
-stateDir=/run/pinwatchd-vm
-sysLog=$stateDir/syslog
-simLog=$stateDir/sim
-simInput=$stateDir/sim.fifo
+sysLog=/run/syslog
+simLog=/run/sim
+daemonOutput=/run/daemon
 escape=$(printf '\033')
 green="${escape}[32m"
 red="${escape}[31m"
 plain="${escape}[0m"
-# The script's own arguments choose among its scenarios.
-chosenScenarios=$*
-daemonPid=$(cat "$stateDir/pinwatchd.pid" 2>/dev/null)
+daemonPid=$(pidof pinwatchd)
 # The virtual controller has two buses; full-speed units come onto the slower one.
 for rootHub in /sys/devices/platform/vhci_hcd.0/usb[0-9]*; do
     [ "$(cat "$rootHub/speed")" != 480 ] || unitBus=${rootHub##*/usb}
 done
+[ -e /run/stamp ] || echo 0 >/run/stamp
 
 # ---- Waiting ----
 
@@ -43,73 +40,64 @@ becomesTrue() {
     done
 }
 
-# waitFor SECONDS COMMAND...: the same, but ends the scenario when it stays false.
+# waitFor SECONDS COMMAND...: the same, but the script fails when it stays false.
 waitFor() {
     becomesTrue "$@" || fail "waited $1 seconds for: $(shift && echo "$*")"
 }
 
-# staysTrue SECONDS COMMAND...: ends the scenario when the command fails within SECONDS.
-staysTrue() {
-    uptimeCs
-    local end=$((uptime + $1 * 100))
-    shift
-    while [ "$uptime" -lt "$end" ]; do
-        "$@" || fail "no longer: $*"
-        usleep 10000
-        uptimeCs
-    done
-}
-
-# fail TEXT: ends the scenario, with the ends of both logs.
-fail() {
-    echo "  failed: $*"
-    # Typed in a shell, a command that fails must not end the VM.
-    case $- in *i*) return 1 ;; esac
-    echo "  --- end of the system log"
-    tail -n 25 "$sysLog" 2>/dev/null | sed 's/^/  /'
-    echo "  --- end of the units' log"
-    tail -n 15 "$simLog" 2>/dev/null | sed 's/^/  /'
-    exit 1
-}
-
-# expect COMMAND...: ends the scenario unless the command succeeds now.
+# expect COMMAND...: the script fails unless the command succeeds now.
 expect() {
     "$@" || fail "not true: $*"
 }
 
+# fail TEXT: ends the script, with the ends of the logs.
+fail() {
+    echo "  failed: $*"
+    # Typed in a shell, a command that fails must not end the VM.
+    case $- in *i*) return 1 ;; esac
+    for log in "$sysLog" "$simLog" "$daemonOutput"; do
+        echo "  --- end of $log"
+        tail -n 25 "$log" 2>/dev/null | sed 's/^/  /'
+    done
+    exit 1
+}
+
 # ---- Files ----
 
-# replaceFile FILE TEXT: the file appears whole, with another time in seconds than before.
+# stampFile FILE: gives it a time in seconds that no file had before: the daemon goes by times alone.
+stampFile() {
+    local now stamp
+    now=$(date +%s)
+    stamp=$(($(cat /run/stamp) + 1))
+    [ "$stamp" -gt "$now" ] || stamp=$now
+    echo "$stamp" >/run/stamp
+    touch -d "@$stamp" "$1"
+}
+
+# replaceFile FILE: puts standard input in the file's place, whole.
 replaceFile() {
-    local seconds previous
     mkdir -p "${1%/*}"
-    seconds=$(date +%s)
-    previous=$(stat -c %Y "$1" 2>/dev/null || echo 0)
-    [ "$seconds" -gt "$previous" ] || seconds=$((previous + 1))
-    printf '%s\n' "$2" >"$1.new"
-    touch -d "@$seconds" "$1.new"
+    cat >"$1.new"
+    stampFile "$1.new"
     mv "$1.new" "$1"
 }
 
 # publishAlarm TEXT: replaces the alarms file.
 publishAlarm() {
-    replaceFile "$alarmsFile" "$1"
+    printf '%s\n' "$1" | replaceFile "$alarmsFile"
 }
 
 # writeSettings TEXT: replaces the settings file.
 writeSettings() {
-    replaceFile "$settingsFile" "$1"
+    printf '%s\n' "$1" | replaceFile "$settingsFile"
 }
 
 # ---- System log ----
 
 startSyslog() {
-    mkdir -p "$stateDir"
     : >"$sysLog"
     syslogd -n -O "$sysLog" </dev/null >/dev/null 2>&1 8>&- &
-    echo "$!" >"$stateDir/syslogd.pid"
-    # It listens by then; /dev/log alone may be left from the last one.
-    becomesTrue 5 grep -q 'syslogd started' "$sysLog" || fail "syslogd does not start"
+    waitFor 20 grep -q 'syslogd started' "$sysLog"
 }
 
 # timesLogged TEXT: prints how many lines of the system log contain TEXT.
@@ -122,10 +110,6 @@ logged() {
     [ "$(timesLogged "$1")" -ge "${2:-1}" ]
 }
 
-notLogged() {
-    ! logged "$1"
-}
-
 # expectLog TEXT [N]: waits up to 10 seconds for it.
 expectLog() {
     waitFor 10 logged "$@"
@@ -135,13 +119,9 @@ expectLog() {
 
 # startSim: tq5sim with no unit plugged. Its output goes to $simLog.
 startSim() {
-    mkdir -p "$stateDir"
-    : >"$simLog"
-    rm -f "$simInput"
-    mkfifo "$simInput"
-    tq5sim <"$simInput" >>"$simLog" 2>&1 &
-    echo "$!" >"$stateDir/tq5sim.pid"
-    exec 8>"$simInput"
+    mkfifo /run/sim.input
+    tq5sim </run/sim.input >>"$simLog" 2>&1 &
+    exec 8>/run/sim.input
 }
 
 # sim COMMAND...: gives tq5sim a command (see tq5sim --help) and waits until it is done.
@@ -165,16 +145,6 @@ sim() {
 
 simAnswered() {
     [ "$(grep -c "$1" "$simLog")" -gt "$2" ]
-}
-
-# timesSim TEXT: prints how many lines of the units' log contain TEXT.
-timesSim() {
-    grep -c -F -e "$1" "$simLog"
-}
-
-# simShows TEXT [N]: true if at least N lines (1) of the units' log contain TEXT.
-simShows() {
-    [ "$(timesSim "$1")" -ge "${2:-1}" ]
 }
 
 # lampsOf UNIT: prints the two outputs as the unit's last line draws them.
@@ -215,11 +185,6 @@ sysfsOf() {
     echo "/sys/bus/usb/devices/$unitBus-$(($1 + 1))"
 }
 
-# nodePathOf UNIT: prints bus and device number as the daemon logs them, such as 001/004.
-nodePathOf() {
-    printf '%03d/%03d\n' "$(cat "$(sysfsOf "$1")/busnum")" "$(cat "$(sysfsOf "$1")/devnum")"
-}
-
 # enumerated UNIT: true once the kernel has configured the unit.
 enumerated() {
     [ -e "$(sysfsOf "$1"):1.0" ]
@@ -228,11 +193,7 @@ enumerated() {
 # plugAndWait UNIT [OPTION...]: plugs it and waits until the kernel has configured it.
 plugAndWait() {
     sim plug "$@"
-    waitFor 5 enumerated "$1"
-}
-
-noUnits() {
-    ! ls -d "/sys/bus/usb/devices/$unitBus"-[1-9]* >/dev/null 2>&1
+    waitFor 20 enumerated "$1"
 }
 
 # ---- The daemon ----
@@ -243,9 +204,8 @@ startDaemon() {
     (
         [ "${1:-}" != --ignore-sigpipe ] || trap '' PIPE
         exec /opt/orvel/bin/pinwatchd
-    ) </dev/null >>"$stateDir/daemon.out" 2>&1 8>&- &
+    ) </dev/null >>"$daemonOutput" 2>&1 8>&- &
     daemonPid=$!
-    echo "$daemonPid" >"$stateDir/pinwatchd.pid"
 }
 
 # ended PID: true once the process is gone or a zombie.
@@ -256,19 +216,10 @@ ended() {
     esac
 }
 
-daemonRuns() {
-    ! ended "$daemonPid"
-}
-
-# stopDaemon [SIGNAL [SECONDS]]: sends it (TERM) and waits for the daemon's end (5 seconds).
+# stopDaemon [SIGNAL]: sends it (TERM) and waits for the daemon's end.
 stopDaemon() {
     kill "-${1:-TERM}" "$daemonPid"
-    awaitDaemonEnd "${2:-5}"
-}
-
-# awaitDaemonEnd [SECONDS]: the same for a daemon that ends by itself.
-awaitDaemonEnd() {
-    waitFor "${1:-5}" ended "$daemonPid"
+    waitFor 20 ended "$daemonPid"
     daemonStatus=0
     wait "$daemonPid" || daemonStatus=$?
 }
@@ -278,62 +229,10 @@ daemonEndedWith() {
     [ "$daemonStatus" -eq "$1" ]
 }
 
-# ---- Scenarios ----
-
-# freshState: system log empty, debug level 3, no alarms file, tq5sim without units.
-freshState() {
-    endProcesses
-    rm -rf "$stateDir" "$dataDir" "$overlayFile"
+# startInstallation: debug level 3, system log, tq5sim without units; the daemon does not run yet.
+startInstallation() {
     writeSettings "[cu/params/3]
 LogDebug=3"
     startSyslog
     startSim
-}
-
-endProcesses() {
-    local pidFile pid
-    exec 8>&-
-    for pidFile in "$stateDir"/*.pid; do
-        [ -e "$pidFile" ] || continue
-        pid=$(cat "$pidFile")
-        # At the end of its input tq5sim takes its units off and ends.
-        if [ "$pidFile" != "$stateDir/tq5sim.pid" ] || ! becomesTrue 5 ended "$pid"; then
-            kill -KILL "$pid" 2>/dev/null
-            becomesTrue 5 ended "$pid" || echo "process $pid ($pidFile) does not end"
-        fi
-        wait "$pid" 2>/dev/null
-    done
-    becomesTrue 5 noUnits || echo "a unit does not leave the bus"
-}
-
-# runScenarios FUNCTION...: runs each with fresh state in a shell of its own, or only those that
-# the script's arguments name; ends the script with status 0 if none failed.
-runScenarios() {
-    local name began passed=0 failed=0
-    for name in ${chosenScenarios:-"$@"}; do
-        case " $* " in
-        *" $name "*) ;;
-        *)
-            echo "no scenario $name; there are: $*"
-            exit 2
-            ;;
-        esac
-        uptimeCs
-        began=$uptime
-        if (
-            freshState
-            "$name"
-        ); then
-            passed=$((passed + 1))
-            uptimeCs
-            echo "ok $name ($(((uptime - began + 50) / 100)) s)"
-        else
-            failed=$((failed + 1))
-            echo "FAILED $name"
-        fi
-        endProcesses 2>/dev/null
-    done
-    echo "scenarios passed: $passed, failed: $failed"
-    [ "$failed" -eq 0 ]
-    exit
 }

@@ -33,12 +33,8 @@ echo "pinwatchd on $(uname -sr), $(uname -m), with a virtual TQ-5 on a virtual U
 echo "Outputs: $(echo '● high, ○ low (an alarm takes one output low), - not driven' | drawLamps)"
 echo
 
-startStory() {
-    freshState
-    plugAndWait 0
-}
-
-startStory
+startInstallation
+plugAndWait 0
 step "The unit is attached, there is no alarms file, and the daemon starts."
 startDaemon --ignore-sigpipe
 seen 03
@@ -64,7 +60,6 @@ ALARM2=too hot"
     expect daemonEndedWith 0
     expectLog "close FTDI device"
 
-    endProcesses
     echo "All $steps steps were seen at the unit."
     exit 0
 fi

@@ -1,0 +1,471 @@
+# shellcheck shell=dash disable=SC2154 # variables of installation.sh
+# The course: faults for a running daemon in the VM. A fault is a function that takes a served unit
+# to a served unit. After each, two new alarms must reach the pins, and a daemon with nothing to do
+# must be calm.
+#
+#   tools/vm/run tests/course.sh                each line of the table once
+#   tools/vm/run tests/course.sh --only replug  its lines with this text
+#   tools/vm/run --timeout 4000 tests/course.sh 3600 7
+#                  then lines at random, several faults at a time, until 3600 seconds are over;
+#                  7 is the seed, and the same one gives the same course, but for milliseconds
+#
+# A line is a command of the shell: FAULT ARGUMENT..., or a prefix before it that makes a second
+# fault at the same time.
+
+table=$(
+    cat <<'END'
+alarm 01 '[door]\nALARM1=1'
+alarm 02 '[door]\nALARM1=1\n[roof]\nalarm2=0'
+alarm 03 '[ALARM1]\nother=ALARM2'
+badFile 03 true
+badFile 03 head -c 3000 /opt/orvel/bin/pinwatchd
+badFile 03 printf '[a]\0\nALARM1\0=\0\n\0=\0[\0'
+badFile 01 longLine 20
+noFile true
+noFile mkdir "$alarmsFile"
+noFile ln -s alarms "$alarmsFile"
+locked "$alarmsFile"
+settings 3 rm "$settingsFile"
+settings 0 locked "$settingsFile"
+settings 2 overlay '[CU/Params/3]\nlogdebug=2'
+restart INT 141
+restart TERM 0
+restart QUIT 0
+restart KILL 137
+unplug && restart TERM 141 && plug
+unplug && restart TERM 0 && plug
+startWith 40 120 200 280 360 440
+repeat 5 replug 0
+replug 2000 100 150 200 150 300 150 400 150
+replug 2000 700 150
+event change
+event bind
+event unbind
+unheard replug 0
+unheard unplug && alone await logged 'is gone: unit removed' && plug
+unplug && unheard plug
+underFlood event change
+underFlood replug 1000
+beside bcd=0400 replug 500
+beside eeprom=003a restart TERM 0
+turnAway bcd=0400 none 'FTDI device is not compatible'
+turnAway product=Other none "unknown FTDI device 'Other'"
+turnAway eeprom=003a none 'cbus functions (cbus0=10, cbus1=3) are not configured'
+turnAway bcd=0600 90 'ftdi_read_eeprom failed: '
+turnAway bcd=0600 03 'unable to open ftdi device: '
+underFlood turnAway eeprom=003a none 'are not configured'
+refuse stall 0b 'ftdi_set_bitmode failed(-1) for 0x31: ' obey
+refuse stall 0c 'ftdi_read_pins failed: ' obey
+refuse pins 02 'set FTDI device pins failed: expected=01, current=02' obey
+refuse stall 0b 'ftdi_set_bitmode failed' replug 0
+refuse stall 0b 'ftdi_set_bitmode failed' unheard replug 0
+END
+)
+
+limit=60 # seconds for what takes one or two on a machine that has the time
+overlayFile=/var/opt/orvel/etc/orvel.conf
+cycle='wait for vid=0000'
+opened="opened FTDI device 'TQ-5 alarm unit'"
+
+# ---- Faults ----
+
+# alarm PINS TEXT: the alarms file is TEXT, which may hold \n.
+alarm() {
+    printf '%b' "$2" | replaceFile "$alarmsFile"
+    expectPins 0 "$1" "$limit"
+}
+
+# badFile PINS COMMAND...: the command's output is the alarms file.
+badFile() {
+    local pins=$1
+    shift
+    "$@" | replaceFile "$alarmsFile"
+    alone cycles 2
+    expectPins 0 "$pins" "$limit"
+}
+
+longLine() {
+    printf 'ALARM1='
+    head -c "${1}000000" /dev/zero | tr '\0' x
+}
+
+# noFile COMMAND...: the alarms file is gone, and the command makes what is no file. The pins stay,
+# and a new connection begins without an alarm.
+noFile() {
+    rm "$alarmsFile"
+    "$@"
+    alone cycles 2
+    alone expect shown
+    replug 0
+    mask=0
+    await shown
+    rm -rf "$alarmsFile"
+}
+
+# locked FILE: a writer locks the file, empties it, and takes its time.
+locked() {
+    exec 9<>"$1"
+    flock 9
+    : >"$1"
+    stampFile "$1"
+    pause 3000
+    expect shown
+    flock -u 9
+    exec 9>&-
+}
+
+# settings LEVEL COMMAND...: the command's settings give this debug level.
+settings() {
+    local level=$1
+    shift
+    "$@"
+    usleep 2500000
+    : >"$sysLog"
+    show
+    usleep 1200000
+    alone expect [ "$(logged 'using bitmask' && echo 1)" = "$([ "$level" -lt 2 ] || echo 1)" ]
+    alone expect [ "$(logged "$cycle" && echo 1)" = "$([ "$level" -lt 3 ] || echo 1)" ]
+    rm -f "$overlayFile"
+    writeSettings "$normalSettings"
+    await logged "$cycle"
+}
+
+overlay() {
+    printf '%b' "$1" | replaceFile "$overlayFile"
+}
+
+# restart SIGNAL STATUS: the daemon ends so, and another one is started. With status 0 it was
+# started with SIGPIPE ignored, which makes it leave the outputs undriven.
+restart() {
+    local pins
+    mayReopen=1
+    [ "$2" = 0 ] || {
+        stopDaemon
+        startDaemon
+        await logged "$daemonPid]: wait for vid="
+    }
+    pins=$(pinsOf 0)
+    [ "$2" != 0 ] || pins=floating
+    stopDaemon "$1"
+    expect daemonEndedWith "$2"
+    expect pinsAre 0 "$pins"
+    # Only an orderly end says so.
+    expect [ "$(logged "$daemonPid]: close FTDI device" && echo 0)" = "$([ "$2" != 0 ] || echo 0)" ]
+    startDaemon --ignore-sigpipe
+}
+
+# startWith MS...: the daemon starts so long after the unit's arrival, which takes the kernel time.
+startWith() {
+    local ms
+    mayReopen=1
+    for ms; do
+        unplug
+        stopDaemon
+        plug
+        pause "$ms"
+        startDaemon --ignore-sigpipe
+        show
+    done
+}
+
+unplug() {
+    sim unplug 0
+}
+
+plug() {
+    sim plug 0
+}
+
+# replug MS...: the unit is off for the first time, on for the second, and so on.
+replug() {
+    local ms next=plug
+    unplug
+    for ms; do
+        pause "$ms"
+        $next
+        [ "$next" = plug ] && next=unplug || next=plug
+    done
+}
+
+# event ACTION: an event of the attached unit that is no removal.
+event() {
+    mayReopen=1
+    await test -e "$(sysfsOf 0)/uevent"
+    echo "$1" >"$(sysfsOf 0)/uevent"
+    alone await logged "is still attached after '$1'"
+}
+
+# turnAway OPTION REQUEST MESSAGE: a unit with this option, which stalls this request, is turned away
+# with the message, once for each arrival and each start of a daemon, or three times where events
+# were lost and so units are looked for; the opening itself can cause that.
+turnAway() {
+    unplug
+    : >"$sysLog"
+    echo "plug 0 $1" >&8
+    sim stall 0 "$2"
+    isTurnedAway "$3"
+    stopDaemon
+    : >"$sysLog"
+    startDaemon --ignore-sigpipe
+    isTurnedAway "$3"
+    replug 0
+}
+
+isTurnedAway() {
+    local most=1
+    await logged "$1"
+    usleep 2200000
+    ! logged 'look for an FTDI device' || most=3
+    expect [ "$(timesLogged "$1")" -le $most ]
+    expect pinsAre 0 floating
+}
+
+# refuse STALL|PINS BYTE MESSAGE COMMAND...: the unit refuses an alarm, with this message once for
+# each cycle, until the command mends that.
+refuse() {
+    local message=$3 confirmed
+    alarm 02 'ALARM2='
+    sim "$1" 0 "$2"
+    shift 3
+    mask=1
+    publishAlarm 'ALARM1='
+    alone cycles 3 "$message"
+    confirmed=$(timesLogged 'current ftdi pins: 0x0d')
+    "$@"
+    # What was written but not read back stands at the pins, and is written again.
+    await logged 'current ftdi pins: 0x0d' $((confirmed + 1))
+    await shown
+}
+
+obey() {
+    sim stall 0 none
+    sim pins 0 auto
+}
+
+# ---- Prefixes ----
+
+# flood: about 70 events of other devices; the daemon's socket holds less than ten.
+flood() {
+    local file
+    for file in /sys/class/tty/*/uevent; do
+        echo change >"$file"
+    done
+}
+
+# unheard COMMAND...: the events that the command causes are lost to the daemon.
+unheard() {
+    kill -STOP "$daemonPid"
+    flood
+    "$@"
+    kill -CONT "$daemonPid"
+}
+
+underFlood() {
+    local flooding
+    second=1 mayReopen=1
+    while :; do
+        flood
+        usleep 50000
+    done 8>&- &
+    flooding=$!
+    "$@"
+    kill $flooding
+}
+
+# suspended COMMAND...: the daemon does not run for a while meanwhile.
+suspended() {
+    local suspending
+    second=1 mayReopen=1
+    (
+        pause 1000
+        kill -STOP "$daemonPid"
+        pause 1000
+        kill -CONT "$daemonPid"
+    ) 2>/dev/null 8>&- &
+    suspending=$!
+    "$@"
+    wait $suspending
+}
+
+# beside OPTION COMMAND...: there is another device of the same make.
+beside() {
+    sim plug 1 "$1"
+    shift
+    "$@"
+    sim unplug 1
+}
+
+repeat() {
+    local left=$1
+    shift
+    while [ "$left" -gt 0 ]; do
+        "$@"
+        show
+        left=$((left - 1))
+    done
+}
+
+# ---- Checks ----
+
+await() {
+    waitFor "$limit" "$@"
+}
+
+# alone COMMAND...: the command, unless a second fault is going on.
+alone() {
+    [ -n "$second" ] || "$@"
+}
+
+# random N: sets `r`, 0 to N - 1.
+random() {
+    seed=$(((seed * 1103515245 + 12345) & 0x7fffffff))
+    r=$(((seed >> 8) % $1))
+}
+
+# pause MS: so long; in the random course up to twice as long.
+pause() {
+    r=$1
+    [ -z "$soaking" ] || random $((2 * $1 + 1))
+    usleep $((r * 1000))
+}
+
+# cycles N [MESSAGE]: waits for N more of the loop's cycles, or lines of the message, and sees that
+# they come about once a second at most.
+cycles() {
+    local text=${2:-$cycle} began lines
+    uptimeCs
+    began=$uptime
+    lines=$(timesLogged "$text")
+    await logged "$text" $((lines + $1))
+    lines=$(($(timesLogged "$text") - lines))
+    uptimeCs
+    expect [ "$lines" -le $(((uptime - began) / 100 + 2)) ]
+}
+
+shown() {
+    case $mask in
+    0) pinsAre 0 03 ;;
+    *) pinsAre 0 0$mask ;;
+    esac
+}
+
+# show: a new alarm must reach the pins.
+show() {
+    random 2
+    mask=$(((mask + 1 + r) % 3))
+    publishAlarm "[door]
+state=closed
+ALARM$mask=since 10:42"
+    await shown
+}
+
+writes() {
+    grep -c ' unit 0: .* bit mode ' "$simLog"
+}
+
+# openedOnce: since it was attached the unit was opened once, and its outputs were driven from the
+# first write on.
+openedOnce() {
+    [ "$(timesLogged "$opened ($(cat "$(sysfsOf 0)/busnum" "$(sysfsOf 0)/devnum" |
+        xargs printf '%03d/%03d'))")" -le 1 ] &&
+        awk '/ unit 0: .*plugged/ { driven = 0; next }
+            / unit 0: .* pins=0/ { driven = 1 }
+            / unit 0: .* pins=floating/ && driven { wrong = 1 }
+            END { exit wrong }' "$simLog"
+}
+
+# calm: with nothing to do the daemon leaves the unit and the alarms file alone, does not repeat
+# itself faster than its pace of once a second, and is as large as before.
+calm() {
+    local last worst began
+    # For what is still on its way: events in the daemon's socket, messages to the log.
+    usleep 500000
+    [ -n "$mayReopen" ] || expect openedOnce
+    last=$(tail -n 1 "$simLog")
+    touch -a -d @1000000000 "$alarmsFile"
+    uptimeCs
+    began=$uptime
+    : >"$sysLog"
+    usleep 2200000
+    expect test -e "/proc/$daemonPid/exe"
+    expect shown
+    expect [ "$(tail -n 1 "$simLog")" = "$last" ]
+    expect [ "$(stat -c %X "$alarmsFile")" -eq 1000000000 ]
+    expect logged "$cycle"
+    uptimeCs
+    worst=$(sed 's/^.\{16\}//; s/\[[0-9]*\]//' "$sysLog" | sort | uniq -c | sort -rn | head -n 1)
+    # shellcheck disable=SC2086 # count and message
+    [ "$(set -- ${worst:-0} && echo "$1")" -le $(((uptime - began) / 100 + 2)) ] ||
+        fail "repeated: $worst"
+    measure
+    [ -n "${firstPrivate:-}" ] || firstPrivate=$private firstFds=$fds
+    # Room for a heap that is cut up in another way.
+    expect [ "$private" -le $((firstPrivate * 2)) ]
+    expect [ "$fds" -eq "$firstFds" ]
+}
+
+# measure: sets `private` (kB) and `fds`.
+measure() {
+    private=$(awk '/^Private/ { p += $2 } END { print p }' "/proc/$daemonPid/smaps_rollup")
+    fds=$(find "/proc/$daemonPid/fd" | wc -l)
+}
+
+# ---- The course ----
+
+# run LINE: the fault, two alarms, each written once, and calm.
+run() {
+    local began before
+    printf '%s ... ' "$1"
+    uptimeCs
+    began=$uptime
+    second='' mayReopen=''
+    tail -n 1 "$simLog" >"$simLog.last"
+    cat "$simLog.last" >"$simLog"
+    : >"$sysLog"
+    eval "$1"
+    show
+    before=$(writes)
+    show
+    [ -n "$mayReopen" ] || expect [ "$(writes)" -eq $((before + 1)) ]
+    calm
+    uptimeCs
+    lines=$((lines + 1))
+    echo "ok, $(((uptime - began + 50) / 100)) s, $private kB"
+}
+
+lineOf() {
+    echo "$table" | sed -n "${1}p"
+}
+
+soaking='' only='' lines=0 mask=0
+[ "${1:-}" != --only ] || {
+    only=$2
+    shift 2
+}
+seconds=${1:-0} seed=${2:-1}
+# For a build with sanitizers: what is freed is kept from being used again, but not for ever.
+export ASAN_OPTIONS=quarantine_size_mb=1
+startInstallation
+normalSettings=$(cat "$settingsFile")
+plugAndWait 0
+startDaemon --ignore-sigpipe
+number=0 count=$(echo "$table" | wc -l)
+while [ "$number" -lt "$count" ]; do
+    number=$((number + 1))
+    case $(lineOf $number) in *"$only"*) run "$(lineOf $number)" ;; esac
+done
+soaking=1
+firstPrivate=$private # the heap has seen all there is
+while uptimeCs && [ $((uptime / 100)) -lt "$seconds" ]; do
+    line=
+    for prefix in 'beside product=Cable' underFlood suspended; do
+        random 3
+        [ "$r" -gt 0 ] || line="$line$prefix "
+    done
+    random "$count"
+    run "$line$(lineOf $((r + 1)))"
+done
+stopDaemon
+expect daemonEndedWith 0
+expect pinsAre 0 floating
+echo "passed: $lines faults"
