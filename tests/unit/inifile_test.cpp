@@ -18,13 +18,16 @@ int allocationsLeft = -1;
 
 }  // namespace
 
-void* operator new(std::size_t size) {
+// Not inlined, or gcc takes the pair for mismatched where it sees only one half.
+__attribute__((noinline)) void* operator new(std::size_t size) {
     if (allocationsLeft >= 0 && allocationsLeft-- == 0) throw std::bad_alloc();
     if (void* memory = std::malloc(size)) return memory;
     throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+__attribute__((noinline)) void operator delete(void* memory) noexcept { std::free(memory); }
+__attribute__((noinline)) void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
 
 namespace {
 
