@@ -66,7 +66,7 @@ installPackages() {
 }
 
 prepareVm() {
-    if [ ! -e build/vm/complete ]; then
+    if [ ! -e build/vm/base.cpio ] || [ ! -e build/vm/6.1 ]; then
         quietly "fetching the VM's kernel (52 MB) and i386 libraries" tools/vm/image
     fi
 }
