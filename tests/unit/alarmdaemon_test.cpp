@@ -78,20 +78,6 @@ protected:
     int cycles = 0;
 };
 
-TEST_F(AlarmDaemonTest, OpensOnceForEachArrival) {
-    world.attach("004");
-    world.results["find_all"] = {-1};
-    EXPECT_EQ(run({{waiting,
-                    [&] {
-                        usb("add");
-                        usb("change");
-                    }},
-                   {"<7>udev", [&] { send("ACTION=add|DEVTYPE=usb_interface|"); }},
-                   {"<7>device is not", [] {}},
-                   {cycle, stop}}),
-              "find wait find open 3 off close end");
-}
-
 TEST_F(AlarmDaemonTest, TurnsAUnitAwayThreeTimesWhereEventsAreLost) {
     world.attach("004");
     world.results["open"] = std::deque<int>(4, -1);

@@ -100,12 +100,11 @@ TEST_F(DriverTest, ReportsFailedWrites) {
     world.results["bitmode"] = {5, 0, 0};
     world.results["read_pins"] = {-2, 0};
     world.pinsRead = 0xf2;
-    world.translations[std::string("TQ5Ftdi|\x04") + "ftdi_read_pins failed: %s"] = "Lesen: %s";
     for (int i = 0; i < 3; ++i) EXPECT_FALSE(unit.setPins(1));
     EXPECT_EQ(world.take(),
               "<7>using bitmask 0x31\n|bitmode 31 20|"
               "<3>ftdi_set_bitmode failed(5) for 0x31: reason|"
-              "<7>using bitmask 0x31\n|bitmode 31 20|<3>Lesen: reason|"
+              "<7>using bitmask 0x31\n|bitmode 31 20|<3>ftdi_read_pins failed: reason|"
               "<7>using bitmask 0x31\n|bitmode 31 20|<7>current ftdi pins: 0x02\n|"
               "<3>set FTDI device pins failed: expected=01, current=02|");
 }

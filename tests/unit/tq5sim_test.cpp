@@ -42,28 +42,6 @@ TEST(Unit, drivesPinsAsModeMaskAndEepromSay) {
     }
 }
 
-TEST(Commands, areParsed) {
-    Command command;
-    std::string error;
-    ASSERT_TRUE(
-        parseCommand("plug 12\tproduct=\"my  TQ-5\" eeprom=3A \"bcd=400\"\r", command, error));
-    EXPECT_EQ(Command::Kind::plug, command.kind);
-    EXPECT_EQ(12u, command.unit);
-    EXPECT_EQ("my  TQ-5", command.options.product);
-    EXPECT_EQ(0x0400, command.options.bcdDevice);
-    EXPECT_EQ(0x003a, command.options.eepromWord10);
-    ASSERT_TRUE(parseCommand("plug 0 product=\"\"", command, error));
-    EXPECT_EQ("", command.options.product);
-    EXPECT_EQ(0x0600, command.options.bcdDevice);
-    ASSERT_TRUE(parseCommand("stall 1 0c", command, error));
-    EXPECT_EQ(0x0c, command.byte);
-    ASSERT_TRUE(parseCommand("pins 1 auto", command, error));
-    EXPECT_EQ(Command::Kind::pins, command.kind);
-    EXPECT_FALSE(command.byte);
-    ASSERT_TRUE(parseCommand("  ", command, error));
-    EXPECT_EQ(Command::Kind::none, command.kind);
-}
-
 TEST(Commands, areRefusedWhole) {
     std::istringstream lines(
         "frob;plug;plug x;plug -1;plug 100;plug 0x1;plug 0 bcd=;plug 0 bcd=g;plug 0 bcd=12345;"

@@ -1,7 +1,6 @@
 #include "world.h"
 
 #include <fcntl.h>
-#include <libintl.h>
 #include <sys/stat.h>
 #include <syslog.h>
 
@@ -107,11 +106,6 @@ int setlogmask(int mask) {
 }
 
 int isatty(int) { return world.terminal ? 1 : 0; }
-
-char* gettext(const char* id) {
-    const auto entry = world.translations.find(id);
-    return const_cast<char*>(entry == world.translations.end() ? id : entry->second.c_str());
-}
 
 int usb_reset(usb_dev_handle*) {
     world.add("usb_reset");

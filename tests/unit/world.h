@@ -10,7 +10,7 @@
 #include <map>
 #include <string>
 
-// What the code under test meets instead of libftdi, libusb, gettext, syslog and a terminal.
+// What the code under test meets instead of libftdi, libusb, syslog and a terminal.
 // Each call, and each message that passes the log's mask, is one line of the trace, which ends
 // in "|".
 struct World {
@@ -19,7 +19,6 @@ struct World {
     std::function<void(const std::string&)> onTrace;
 
     std::map<std::string, std::deque<int>> results;  // by call, used up in order; then success
-    std::map<std::string, std::string> translations;
     unsigned short eepromWord = 0x00aa;
     int pinsRead = -1;  // what the pins read; -1 for the levels written last
     bool listFreed = true;
