@@ -5,27 +5,37 @@
 packages=(
     g++ g++-i686-linux-gnu cmake ninja-build googletest
     libftdi-dev libusb-dev
-    qemu-system-x86 cpio
+    qemu-system-x86 cpio xz-utils
 )
 documentPackages=(gettext mandoc python3)
 releasePackages=(debootstrap lintian systemd)
-fuzzPackages=(clang libclang-rt-14-dev)
+# The runtime of clang's sanitizers is a package of its version.
+case $(sed -n 's/^VERSION_ID="\{0,1\}\([0-9]*\).*/\1/p' /etc/os-release) in
+12) fuzzPackages=(clang libclang-rt-14-dev) ;;
+*) fuzzPackages=(clang libclang-rt-19-dev) ;;
+esac
 analysePackages=(clang-format clang-tidy cppcheck git shellcheck)
 benchPackages=(libbenchmark-dev libinih-dev strace valgrind)
 
-setup_log=build/setup.log
-
 # quietly TITLE COMMAND...: says what is done and how long it took; shows the output if it fails.
+# Two commands that build in one clone wait for one another here.
 quietly() {
-    local title=$1 began=$SECONDS
+    local title=$1 log began=$SECONDS
+    log=build/logs/${1//[^A-Za-z0-9]/-}.log
     shift
+    mkdir -p build/logs
+    exec 8>build/lock
+    if ! flock -n 8; then
+        echo "==> waiting for another command that builds here"
+        flock 8
+    fi
     printf '==> %s\n' "$title"
-    mkdir -p build
-    if ! "$@" >"$setup_log" 2>&1; then
-        tail -n 40 "$setup_log" >&2
-        echo "failed: $title (whole output: $setup_log)" >&2
+    if ! "$@" >"$log" 2>&1 8>&-; then
+        tail -n 40 "$log" >&2
+        echo "failed: $title (whole output: $log)" >&2
         exit 1
     fi
+    exec 8>&-
     [ $((SECONDS - began)) -lt 2 ] || printf '    done in %d s\n' $((SECONDS - began))
 }
 
@@ -38,9 +48,10 @@ missingPackages() {
 }
 
 installPackages() {
-    local missing as_root=()
+    local missing as_root=() log=build/logs/install.log began=$SECONDS
+    mkdir -p build/logs
     if ! command -v apt-get >/dev/null; then
-        echo "no apt-get here: this works on Debian 12" >&2
+        echo "no apt-get here: this works on Debian 12 and 13" >&2
         exit 1
     fi
     mapfile -t missing < <(missingPackages)
@@ -52,23 +63,51 @@ installPackages() {
         fi
         as_root=(sudo)
     fi
-    as_root+=(env DEBIAN_FRONTEND=noninteractive)
+    as_root+=(env DEBIAN_FRONTEND=noninteractive LC_ALL=C)
+    local install=(apt-get -q install --no-install-recommends "${missing[@]}")
     printf '==> installing packages: %s\n' "${missing[*]}"
-    mkdir -p build
     # One index that fails does no harm; whether the packages can be had, the next step shows.
-    "${as_root[@]}" apt-get -q update >"$setup_log" 2>&1 || true
-    if ! "${as_root[@]}" apt-get -q -y install --no-install-recommends "${missing[@]}" \
-        >>"$setup_log" 2>&1; then
+    "${as_root[@]}" apt-get -q update >"$log" 2>&1 || true
+    "${as_root[@]}" "${install[@]}" --assume-no 2>/dev/null |
+        sed -n '/^Need to get\|^After this/s/^/    /p'
+    if ! "${as_root[@]}" "${install[@]}" -y >>"$log" 2>&1; then
         echo "cannot install ${missing[*]} from this machine's package sources (/etc/apt);" \
-            "apt's output is in $setup_log" >&2
+            "apt's output is in $log" >&2
         exit 1
+    fi
+    printf '    done in %d s\n' $((SECONDS - began))
+}
+
+# prepare ARGUMENT...: installs what is missing and sees that build/ can be written. Where root
+# works in another user's clone (sudo), the script with these arguments starts anew as that user,
+# so that what it builds is the user's.
+prepare() {
+    local owner
+    owner=$(stat -c %u .)
+    if ! mkdir -p build/logs 2>/dev/null || [ ! -w build/logs ]; then
+        echo "cannot write in $PWD/build, which belongs to $(stat -c %U "$([ -d build ] && echo build || echo .)")" >&2
+        exit 1
+    fi
+    [ "$(id -u)" -ne 0 ] || chown --reference=. build build/logs
+    installPackages
+    if [ "$(id -u)" -eq 0 ] && [ "$owner" -ne 0 ]; then
+        chown -R --reference=. build/logs
+        # The scripts have changed into the clone since they were called.
+        exec setpriv --reuid "$owner" --regid "$(stat -c %g .)" --init-groups \
+            env HOME="$(getent passwd "$owner" | cut -d: -f6)" \
+            "$(cd "$OLDPWD" && realpath "$0")" "$@"
     fi
 }
 
+# prepareVm KERNEL...: fetches what the VM boots; KERNEL as tools/vm/run has it.
 prepareVm() {
-    if [ ! -e build/vm/base.cpio ] || [ ! -e build/vm/6.1 ]; then
-        quietly "fetching the VM's kernel (52 MB) and i386 libraries" tools/vm/image
-    fi
+    local kernel
+    for kernel; do
+        if [ ! -e build/vm/base.cpio ] || [ ! -e "build/vm/$kernel" ]; then
+            quietly "fetching the VM's kernel $kernel (50 to 110 MB) and i386 libraries" \
+                tools/vm/image "$kernel"
+        fi
+    done
 }
 
 configureAndBuild() {

@@ -100,6 +100,11 @@ startSyslog() {
     waitFor 20 grep -q 'syslogd started' "$sysLog"
 }
 
+# showLog: prints the system log without debug messages.
+showLog() {
+    grep -v '\.debug ' "$sysLog"
+}
+
 # timesLogged TEXT: prints how many lines of the system log contain TEXT.
 timesLogged() {
     grep -c -F -e "$1" "$sysLog"
@@ -119,7 +124,7 @@ expectLog() {
 
 # startSim: tq5sim with no unit plugged. Its output goes to $simLog.
 startSim() {
-    mkfifo /run/sim.input
+    [ -p /run/sim.input ] || mkfifo /run/sim.input
     tq5sim </run/sim.input >>"$simLog" 2>&1 &
     exec 8>/run/sim.input
 }
@@ -128,6 +133,11 @@ startSim() {
 # Arguments with blanks need tq5sim's own double quotes: sim plug 0 'product="some other"'
 sim() {
     local answer count
+    # What is written for a tq5sim that has ended would end this shell.
+    if ! pidof tq5sim >/dev/null; then
+        fail "tq5sim has ended; startSim starts it again"
+        return 1
+    fi
     case $1 in
     plug) answer=' plugged bcd=' ;;
     unplug) answer=' unplugged$' ;;
@@ -162,6 +172,14 @@ drawLamps() {
         fi
         printf '%s\n' "$line"
     done
+}
+
+# unitNews: prints what has happened at the units since it was called last.
+unitNews() {
+    local seen
+    seen=$(cat /run/unitNews 2>/dev/null || echo 0)
+    wc -l <"$simLog" >/run/unitNews
+    tail -n +"$((seen + 1))" "$simLog" | drawLamps
 }
 
 # pinsOf UNIT: prints what the unit's last line shows: 00 to 03 (CBUS0 plus twice CBUS1) or

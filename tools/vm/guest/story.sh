@@ -64,14 +64,23 @@ ALARM2=too hot"
     exit 0
 fi
 
+mkdir -p "$dataDir"
 cat <<EOF
 Try, for example:
     publishAlarm '[door]
     ALARM1=1'                write $alarmsFile
     sim unplug 0             take the unit off; sim plug 0 brings it back
     sim stall 0 0b           let the unit refuse writes; sim stall 0 none ends that
-    cat $sysLog
+    stopDaemon               end the daemon; startDaemon starts it again
+    showLog                  the system log without debug messages; all of it: cat $sysLog
     exit                     end the VM
-What happens at the unit appears as it happens. tq5sim --help tells what the lines mean.
+Before each prompt stands what has happened at the unit meanwhile, so press Enter to see it.
+tq5sim --help tells what the lines mean.
 EOF
-tail -n 0 -f "$simLog" | drawLamps &
+shift
+[ $# -eq 0 ] || printf 'Added: %s\n' "$*"
+unitNews >/dev/null
+export daemonPid
+# shellcheck disable=SC2016 # expanded at each prompt
+export PS1='$(unitNews)
+# '
