@@ -25,8 +25,3 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(CMAKE_CXX_STANDARD_INCLUDE_DIRECTORIES ${i386Sysroot}/usr/include)
 # The place of these libraries has no business in a program.
 set(CMAKE_SKIP_RPATH ON)
-
-# An amd64 kernel runs i386 programs; they only need their loader and libraries.
-set(i386Lib ${i386Sysroot}/lib/i386-linux-gnu:${i386Sysroot}/usr/lib/i386-linux-gnu)
-set(CMAKE_CROSSCOMPILING_EMULATOR
-    ${i386Runtime}/lib/ld-linux.so.2 --library-path ${i386Runtime}/lib:${i386Lib})

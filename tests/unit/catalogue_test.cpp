@@ -17,11 +17,6 @@ extern "C" void vsyslog(int, const char* format, va_list arguments) {
     logged = text;
 }
 
-// What libc's headers make of it in a hardened build.
-extern "C" void __vsyslog_chk(int priority, int, const char* format, va_list arguments) {
-    vsyslog(priority, format, arguments);
-}
-
 // With libc's gettext, and a catalogue made from the tree's template.
 TEST(Catalogue, IsUsedOnceALocaleIsSelected) {
     char folder[] = "/tmp/pinwatchd-test-XXXXXX";
@@ -29,7 +24,7 @@ TEST(Catalogue, IsUsedOnceALocaleIsSelected) {
     const std::string messages = std::string(folder) + "/xx/LC_MESSAGES";
     std::filesystem::create_directories(messages);
     const std::string make =
-        "msgen " PINWATCHD_TEMPLATE R"( | sed 's/^msgstr "close/msgstr "CLOSE/' | msgfmt -o )";
+        "msgen '" PINWATCHD_TEMPLATE R"(' | sed 's/^msgstr "close/msgstr "CLOSE/' | msgfmt -o )";
     ASSERT_EQ(std::system((make + messages + "/pinwatchd.mo -").c_str()), 0);
     Translations::setTranslationName("pinwatchd");
     bindtextdomain("pinwatchd", folder);

@@ -24,6 +24,9 @@ __attribute__((noinline)) void* operator new(std::size_t size) {
     if (void* memory = std::malloc(size)) return memory;
     throw std::bad_alloc();
 }
+__attribute__((noinline)) void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return std::malloc(size);
+}
 __attribute__((noinline)) void operator delete(void* memory) noexcept { std::free(memory); }
 __attribute__((noinline)) void operator delete(void* memory, std::size_t) noexcept {
     std::free(memory);

@@ -87,11 +87,6 @@ void vsyslog(int priority, const char* text, va_list arguments) {
     world.add("<%d>%s", priority, buffer);
 }
 
-// What libc's headers make of vsyslog in a hardened build.
-void __vsyslog_chk(int priority, int, const char* text, va_list arguments) {
-    vsyslog(priority, text, arguments);
-}
-
 void openlog(const char* ident, int options, int facility) {
     world.add("openlog %s 0x%x %d", ident ? ident : "null", static_cast<unsigned>(options),
               facility);
