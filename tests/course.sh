@@ -46,8 +46,8 @@ unheard unplug && alone await logged 'is gone: unit removed' && plug
 unplug && unheard plug
 underFlood event change
 underFlood replug 1000
-beside product=Cable replug 500
-beside eeprom=003a restart TERM 0
+beside 1 product=Cable replug 500
+beside 1 eeprom=003a restart TERM 0
 turnAway bcd=0400 none 'FTDI device is not compatible'
 turnAway product=Other none "unknown FTDI device 'Other'"
 turnAway eeprom=003a none 'cbus functions (cbus0=10, cbus1=3) are not configured'
@@ -291,16 +291,14 @@ suspended() {
     wait $suspending
 }
 
-# beside OPTION COMMAND...: there is another device of the same make.
+# beside UNIT OPTION COMMAND...: there is another device of the same make.
 beside() {
+    local other=$1
     second=1
-    sim plug 1 "$1"
-    shift
+    sim plug "$1" "$2"
+    shift 2
     "$@"
-    await shown
-    # After an arrival no device but the arrived one is asked.
-    [ -n "$mayReopen" ] || expect [ "$(timesLogged Cable)" -eq 0 ]
-    sim unplug 1
+    sim unplug "$other"
 }
 
 repeat() {
@@ -367,11 +365,12 @@ ALARM$mask=since 10:42"
     await shown
 }
 
-# openedOnce: since it was attached the unit was opened once, and its outputs were driven from the
-# first write on.
+# openedOnce: since it was attached the unit was opened once, without asking other devices, and its
+# outputs were driven from the first write on.
 openedOnce() {
-    [ "$(timesLogged "$opened ($(cat "$(sysfsOf 0)/busnum" "$(sysfsOf 0)/devnum" |
-        xargs printf '%03d/%03d'))")" -le 1 ] &&
+    ! logged 'search FTDI devices' &&
+        [ "$(timesLogged "$opened ($(cat "$(sysfsOf 0)/busnum" "$(sysfsOf 0)/devnum" |
+            xargs printf '%03d/%03d'))")" -le 1 ] &&
         awk '/ unit 0: .*plugged/ { driven = 0; next }
             / unit 0: .* pins=0/ { driven = 1 }
             / unit 0: .* pins=floating/ && driven { wrong = 1 }
@@ -448,6 +447,7 @@ startInstallation
 normalSettings=$(cat "$settingsFile")
 plugAndWait 0
 startDaemon --ignore-sigpipe
+show
 number=0 count=$(echo "$table" | wc -l)
 while [ "$number" -lt "$count" ]; do
     number=$((number + 1))
@@ -457,7 +457,7 @@ soaking=1
 firstPrivate=$private # the heap has seen all there is
 while uptimeCs && [ $((uptime / 100)) -lt "$seconds" ]; do
     line=
-    for prefix in 'beside product=Cable' underFlood suspended; do
+    for prefix in 'beside 2 product=Cable' underFlood suspended; do
         random 3
         [ "$r" -gt 0 ] || line="$line$prefix "
     done

@@ -109,6 +109,10 @@ TEST_F(IniFileTest, ReloadsWhatChanged) {
     write("overlay", "b=O", 6);  // c stays until the primary changes
     document.reloadIfChanged();
     EXPECT_EQ(text(document), "pOo");
+    write("overlay", "b=unseen", 6);
+    document.reloadIfChanged();
+    EXPECT_EQ(text(document), "pOo");
+    write("overlay", "b=O", 6);
     write("primary", "a=older", 9);
     document.reloadIfChanged();
     EXPECT_EQ(text(document), "olderO-");

@@ -75,6 +75,8 @@ TEST_F(MonitorTest, TellsArrivalsAndRemovals) {
          "<7>udev: FTDI USB device (0403:6001) inserted|"},
         {usbEvent("add", "008"), "046d\n", "6001\n", nullptr, false, true,
          "<7>got USB device: node=001/008|<7>USB device VID/PID: 046d:6001|"},
+        {usbEvent("add", "008"), "0403\n", "6015\n", nullptr, false, true,
+         "<7>got USB device: node=001/008|<7>USB device VID/PID: 0403:6015|"},
         {usbEvent("add", "008"), "0403 \n", "", nullptr, false, true,
          "<7>got USB device: node=001/008|<3>read file error: /sys/.." + folder +
              "/idProduct: Success|<7>USB device VID/PID: 0403 :|"
