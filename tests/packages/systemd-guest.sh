@@ -77,12 +77,18 @@ waitFor "ALARM1" pins 01
 systemctl stop pinwatchd
 waitFor "stopped, outputs undriven" pins floating
 [ "$(systemctl show -P Result -P ExecMainStatus pinwatchd | xargs)" = "success 0" ] || fail "orderly stop"
+# In /tmp, where another user was first.
+printf '[common]\nData = /tmp/orvel/data\n' >/var/opt/orvel/etc/orvel.conf
+mkdir /tmp/orvel
+chown nobody /tmp/orvel
+mkfifo /tmp/orvel/data
 systemctl start pinwatchd
+rm -r /tmp/orvel-aside.* || fail "put aside"
+echo 'ALARM1=1' | $publish /tmp/orvel/data/alarms
 waitFor "started: ALARM1" pins 01
 
 dpkg -r pinwatchd >/dev/null || fail remove
 waitFor "removed, outputs undriven" pins floating
-rm $alarms
 dpkg -P pinwatchd >/dev/null || fail purge
 left=$(find /etc /lib /run /tmp /usr /var /opt -xdev \( -path /var/lib/dpkg -o -path /var/log \) \
     -prune -o \( -name '*pinwatchd*' -o -name '*orvel*' \) -print 2>/dev/null)
