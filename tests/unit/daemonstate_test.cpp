@@ -9,7 +9,7 @@ namespace {
 
 using DaemonStateTest = WorldTest;
 
-TEST_F(DaemonStateTest, FollowsTheLogLevelAndTheAlarms) {
+TEST_F(DaemonStateTest, FollowsTheLogLevel) {
     struct Step {
         const char* file;
         const char* text;
@@ -37,15 +37,6 @@ TEST_F(DaemonStateTest, FollowsTheLogLevelAndTheAlarms) {
         reloadSettings();
         EXPECT_EQ(world.take(), "");
     }
-
-    DaemonState::alarms = IniFile(folder + "/alarms");
-    EXPECT_FALSE(reloadAlarms());
-    write("alarms", "ALARM1=", 5);
-    EXPECT_TRUE(reloadAlarms());
-    EXPECT_FALSE(reloadAlarms());
-    std::remove((folder + "/alarms").c_str());
-    EXPECT_FALSE(reloadAlarms());
-    EXPECT_FALSE(DaemonState::alarms.hasKey("", "ALARM1"));
 }
 
 }  // namespace
