@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 #include "alarmmask.h"
@@ -40,16 +41,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     AlarmMask mask = 0;
     for (const auto& [name, keys] : document.sections) {
         check(isTrimmed(name, "[] \t\r") && !keys.empty());
-        if (!name.empty()) text += "[" + name + "]\n";
+        if (!name.empty()) text.append("[").append(name).append("]\n");
         for (const auto& [key, value] : keys) {
             check(!key.empty() && isTrimmed(key, blanks));
             check(key.find('=') == std::string::npos && key[0] != ';' && key[0] != '#');
-            check((name + key + value).find_first_of(std::string("\n\0", 2)) == std::string::npos);
+            for (const std::string* part : {&name, &key, &value})
+                check(part->find('\n') == std::string::npos &&
+                      std::strlen(part->c_str()) == part->size());
             check(document.value(name, key, "absent") == value);
             // Quotes keep blanks; where one stands at an end there are none to keep.
             const char* quote = isTrimmed(value, "\"") ? "\"" : "";
             check(*quote || isTrimmed(value, blanks));
-            text += key + "=" + quote + value + quote + "\n";
+            text.append(key).append("=").append(quote).append(value).append(quote).append("\n");
         }
         if (document.hasKey(name, "alarm2")) mask = 2;
         if (document.hasKey(name, "alarm1") && mask == 0) mask = 1;
