@@ -55,10 +55,12 @@ fail() {
     echo "  failed: $*"
     # Typed in a shell, a command that fails must not end the VM.
     case $- in *i*) return 1 ;; esac
-    for log in "$sysLog" "$simLog" "$daemonOutput"; do
+    for log in "$sysLog" "$simLog"; do
         echo "  --- end of $log"
         tail -n 25 "$log" 2>/dev/null | sed 's/^/  /'
     done
+    # Nothing, if no sanitizer found a fault.
+    head -n 25 "$daemonOutput" 2>/dev/null | sed 's/^/  /'
     exit 1
 }
 
