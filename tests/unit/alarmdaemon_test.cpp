@@ -4,7 +4,7 @@
 #include <cstdio>
 
 #include "daemonstate.h"
-#include "kernelevents.h"
+#include "world.h"
 
 namespace {
 
