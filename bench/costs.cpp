@@ -1,57 +1,39 @@
 // What loading a document costs, beside INIReader of libinih, and what reducing it to the alarm
 // mask costs.
-//   costs FOLDER [OPTION...]  times for the files that bench/run made in FOLDER; options go to
-//                             Google Benchmark
-//   costs CASE FILE           does one of the cases once, to count its instructions
+//   costs CASE FILE COUNT  does the case so often; prints the shortest time, in ns
 
 #include <INIReader.h>
-#include <benchmark/benchmark.h>
 
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <iostream>
+#include <limits>
 #include <string>
 
 #include "alarmmask.h"
 
 namespace {
 
-std::string folder;
-
-template <class Document>
-__attribute__((noinline)) void loadOnce(const std::string& path) {
-    Document document(path);
-    benchmark::DoNotOptimize(document);
-}
-
-__attribute__((noinline)) void evaluateOnce(const IniFile& document) {
-    benchmark::DoNotOptimize(evaluateAlarmMask(document));
-}
-
-template <class Document>
-void load(benchmark::State& state) {
-    const char* const files[] = {"small", "1-MB", "1-MB-line"};
-    const std::string path = folder + "/" + files[state.range(0)];
-    while (state.KeepRunning()) loadOnce<Document>(path);
-}
-BENCHMARK_TEMPLATE(load, IniFile)->DenseRange(0, 2);
-BENCHMARK_TEMPLATE(load, INIReader)->DenseRange(0, 2);
-
-void evaluate(benchmark::State& state) {
-    const IniFile document(folder + "/sections-" + std::to_string(state.range(0)));
-    while (state.KeepRunning()) evaluateOnce(document);
-}
-BENCHMARK(evaluate)->Arg(10)->Arg(1000)->Arg(100000);
+// Functions of their own, so that their instructions can be told from those of the rest.
+__attribute__((noinline)) void loadIniFile(const std::string& path) { IniFile document(path); }
+__attribute__((noinline)) void loadIniReader(const std::string& path) { INIReader document(path); }
+__attribute__((noinline)) void evaluate(const IniFile& document) { evaluateAlarmMask(document); }
 
 }  // namespace
 
-int main(int argc, char* argv[]) {
-    folder = argv[1];
-    if (argc == 3 && argv[2][0] != '-') {
-        const std::string path = argv[2];
-        if (folder == "IniFile") loadOnce<IniFile>(path);
-        if (folder == "INIReader") loadOnce<INIReader>(path);
-        if (folder == "evaluate") evaluateOnce(IniFile(path));
-        return 0;
+int main(int, char* argv[]) {
+    const std::string name = argv[1], path = argv[2];
+    const IniFile document(name == "evaluate" ? path : "");
+    auto best = std::numeric_limits<std::chrono::nanoseconds::rep>::max();
+    for (int left = std::atoi(argv[3]); left > 0; --left) {
+        const auto began = std::chrono::steady_clock::now();
+        if (name == "IniFile") loadIniFile(path);
+        if (name == "INIReader") loadIniReader(path);
+        if (name == "evaluate") evaluate(document);
+        const std::chrono::nanoseconds took = std::chrono::steady_clock::now() - began;
+        best = std::min(best, took.count());
     }
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
+    std::cout << best << '\n';
     return 0;
 }
