@@ -148,6 +148,7 @@ races() {
 # ---- The life ----
 
 cd /trial || exit
+echo "ok booted"
 listTree before
 
 # Another user was first in /tmp.
