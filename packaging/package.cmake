@@ -30,7 +30,14 @@ install(FILES ${here}/orvel.conf DESTINATION opt/orvel/etc
 install(DIRECTORY DESTINATION var/opt/orvel/etc
     DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE)
 
-install(FILES ${here}/pinwatchd.service DESTINATION lib/systemd/system)
+# On a system for amd64 an i386 program's calls are not the native ones.
+file(READ ${here}/pinwatchd.service service)
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+    string(REPLACE "SystemCallArchitectures=native" "SystemCallArchitectures=x86" service
+        "${service}")
+endif()
+file(WRITE ${CMAKE_BINARY_DIR}/pinwatchd.service "${service}")
+install(FILES ${CMAKE_BINARY_DIR}/pinwatchd.service DESTINATION usr/lib/systemd/system)
 install(FILES ${here}/pinwatchd.tmpfiles DESTINATION usr/lib/tmpfiles.d RENAME pinwatchd.conf)
 install(PROGRAMS ${here}/pinwatchd.init DESTINATION etc/init.d RENAME pinwatchd)
 
