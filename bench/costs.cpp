@@ -26,7 +26,7 @@ int main(int, char* argv[]) {
     const std::string name = argv[1], path = argv[2];
     const IniFile document(name == "evaluate" ? path : "");
     auto best = std::numeric_limits<std::chrono::nanoseconds::rep>::max();
-    for (int left = std::atoi(argv[3]); left > 0; --left) {
+    for (long left = std::strtol(argv[3], nullptr, 10); left > 0; --left) {
         const auto began = std::chrono::steady_clock::now();
         if (name == "IniFile") loadIniFile(path);
         if (name == "INIReader") loadIniReader(path);
