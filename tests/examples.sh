@@ -1,6 +1,7 @@
 #!/bin/bash
 # Every example publishes what it is given, whole, and in each second more than one version. Where
 # it cannot, the version before stays, and nothing else.
+[ "${1:-}" != --help ] || exec echo "usage: tests/examples.sh"
 set -eux
 if [ "${1:-}" != inside ]; then
     # Mounts of its own, for a small disk; without root those of a user namespace.

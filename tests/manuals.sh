@@ -1,5 +1,6 @@
 #!/bin/bash
 # The manual pages are sound, and pinwatchd(8) explains the messages that the daemon logs, no others.
+[ "${1:-}" != --help ] || exec echo "usage: tests/manuals.sh"
 set -eu
 cd "$(dirname "$(realpath "$0")")/.."
 # That a page which they refer to is not installed is no fault.
