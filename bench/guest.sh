@@ -3,7 +3,7 @@
 # start on, its memory beside earlyoom's, the times from an alarms file's rename to the pins and
 # the times from a unit's arrival to the pins.
 
-tries=10
+tries=100
 
 # Two USB buses, as a small machine has, instead of sixteen: libusb keeps some kB for each.
 for controller in 1 2 3 4 5 6 7; do
