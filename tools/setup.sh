@@ -17,6 +17,18 @@ esac
 analysePackages=(clang-format clang-tidy cppcheck git shellcheck)
 benchPackages=(libbenchmark-dev libinih-dev strace valgrind)
 
+# giveToOwner FILE...: what root makes in another user's clone (sudo) is that user's.
+giveToOwner() {
+    [ "$(id -u)" -ne 0 ] || chown --reference=. "$@"
+}
+
+# Stands before what that user must do instead of root.
+as_owner=()
+if [ "$(id -u)" -eq 0 ] && [ "$(stat -c %u .)" -ne 0 ]; then
+    as_owner=(setpriv --reuid "$(stat -c %u .)" --regid "$(stat -c %g .)" --init-groups
+        env HOME="$(getent passwd "$(stat -c %u .)" | cut -d: -f6)")
+fi
+
 # quietly TITLE COMMAND...: says what is done and how long it took; shows the output if it fails.
 # Two commands that build in one clone wait for one another here.
 quietly() {
@@ -25,6 +37,8 @@ quietly() {
     shift
     mkdir -p build/logs
     exec 8>build/lock
+    touch "$log"
+    giveToOwner build build/logs build/lock "$log"
     if ! flock -n 8; then
         echo "==> waiting for another command that builds here"
         flock 8
@@ -50,6 +64,8 @@ missingPackages() {
 installPackages() {
     local missing as_root=() log=build/logs/install.log began=$SECONDS
     mkdir -p build/logs
+    touch "$log"
+    giveToOwner build build/logs "$log"
     if ! command -v apt-get >/dev/null; then
         echo "no apt-get here: this works on Debian 12 and 13" >&2
         exit 1
@@ -82,20 +98,14 @@ installPackages() {
 # works in another user's clone (sudo), the script with these arguments starts anew as that user,
 # so that what it builds is the user's.
 prepare() {
-    local owner
-    owner=$(stat -c %u .)
     if ! mkdir -p build/logs 2>/dev/null || [ ! -w build/logs ]; then
         echo "cannot write in $PWD/build, which belongs to $(stat -c %U "$([ -d build ] && echo build || echo .)")" >&2
         exit 1
     fi
-    [ "$(id -u)" -ne 0 ] || chown --reference=. build build/logs
     installPackages
-    if [ "$(id -u)" -eq 0 ] && [ "$owner" -ne 0 ]; then
-        chown -R --reference=. build/logs
+    if [ "${#as_owner[@]}" -gt 0 ]; then
         # The scripts have changed into the clone since they were called.
-        exec setpriv --reuid "$owner" --regid "$(stat -c %g .)" --init-groups \
-            env HOME="$(getent passwd "$owner" | cut -d: -f6)" \
-            "$(cd "$OLDPWD" && realpath "$0")" "$@"
+        exec "${as_owner[@]}" "$(cd "$OLDPWD" && realpath "$0")" "$@"
     fi
 }
 
@@ -105,20 +115,16 @@ prepareVm() {
     for kernel; do
         if [ ! -e build/vm/base.cpio ] || [ ! -e "build/vm/$kernel" ]; then
             quietly "fetching the VM's kernel $kernel (50 to 110 MB) and i386 libraries" \
-                tools/vm/image "$kernel"
+                "${as_owner[@]}" tools/vm/image "$kernel"
         fi
     done
-}
-
-configureAndBuild() {
-    local preset=$1
-    shift
-    cmake --preset "$preset" && cmake --build --preset "$preset" -j "$(nproc)" ${1:+--target "$@"}
 }
 
 # build PRESET TITLE [TARGET...]
 build() {
     local preset=$1 title=$2
     shift 2
-    quietly "$title" configureAndBuild "$preset" "$@"
+    # shellcheck disable=SC2016 # for the inner shell
+    quietly "$title" "${as_owner[@]}" sh -c 'preset=$1 && shift && cmake --preset "$preset" &&
+        exec cmake --build --preset "$preset" -j "$(nproc)" "$@"' - "$preset" ${1:+--target "$@"}
 }
