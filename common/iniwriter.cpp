@@ -1,0 +1,131 @@
+#include "iniwriter.h"
+
+#include <strings.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace {
+
+bool sameName(const std::string& a, const std::string& b) {
+    return strcasecmp(a.c_str(), b.c_str()) == 0;
+}
+
+std::string endOf(const std::string& raw) {
+    const std::size_t length = raw.size();
+    if (length == 0 || raw[length - 1] != '\n') return "";
+    return length > 1 && raw[length - 2] == '\r' ? "\r\n" : "\n";
+}
+
+}  // namespace
+
+std::string iniHeader(const std::string& section) {
+    const std::string header = "[" + section + "]";
+    std::string name = header;
+    std::string value;
+    const bool fits = section.find('\n') == std::string::npos &&
+                      readIniLine(name, value) == IniLine::header && name == section;
+    return fits ? header : "";
+}
+
+std::string iniAssignment(const std::string& key, const std::string& value) {
+    for (const char* quote : {"", "\""}) {
+        std::string assignment = key;
+        assignment.append(" = ").append(quote).append(value).append(quote);
+        std::string keyRead = assignment;
+        std::string valueRead;
+        const bool fits = assignment.find('\n') == std::string::npos &&
+                          readIniLine(keyRead, valueRead) == IniLine::assignment &&
+                          keyRead == key && valueRead == value;
+        if (fits) return assignment;
+    }
+    return "";
+}
+
+IniText::IniText(const std::string& text) {
+    std::string section;
+    std::size_t begin = 0;
+    while (begin < text.size()) {
+        const std::size_t end = std::min(text.find('\n', begin), text.size() - 1) + 1;
+        lines.push_back(read(text.substr(begin, end - begin), section));
+        section = lines.back().section;
+        begin = end;
+    }
+    lineEnd = lines.empty() ? "" : endOf(lines.front().raw);
+    if (lineEnd.empty()) lineEnd = "\n";
+}
+
+IniText::Line IniText::read(const std::string& raw, const std::string& section) {
+    Line line = {raw, IniLine::nothing, section, raw, ""};
+    line.kind = readIniLine(line.key, line.value);
+    if (line.kind == IniLine::header) line.section = line.key;
+    return line;
+}
+
+std::string IniText::text() const {
+    std::string result;
+    for (const Line& line : lines) result += line.raw;
+    return result;
+}
+
+std::size_t IniText::find(const std::string& section, const std::string& key) const {
+    std::size_t found = lines.size();
+    for (std::size_t index = 0; index < lines.size(); ++index) {
+        const Line& line = lines[index];
+        if (line.kind == IniLine::assignment && sameName(line.section, section) &&
+            sameName(line.key, key)) {
+            found = index;
+        }
+    }
+    return found;
+}
+
+const std::string* IniText::value(const std::string& section, const std::string& key) const {
+    const std::size_t index = find(section, key);
+    return index < lines.size() ? &lines[index].value : nullptr;
+}
+
+void IniText::set(const std::string& section, const std::string& key, const std::string& newValue) {
+    const std::string assignment = iniAssignment(key, newValue);
+    const std::size_t counting = find(section, key);
+    if (counting < lines.size()) {
+        Line& line = lines[counting];
+        line = read(assignment + endOf(line.raw), line.section);
+        return;
+    }
+
+    std::size_t place = lines.size();
+    while (place > 0 && (lines[place - 1].kind == IniLine::nothing ||
+                         !sameName(lines[place - 1].section, section))) {
+        --place;
+    }
+    std::vector<Line> added;
+    if (place == 0) {
+        place = lines.size();
+        added.push_back(read(iniHeader(section) + lineEnd, ""));
+    }
+    added.push_back(read(assignment + lineEnd, section));
+    if (place > 0 && endOf(lines[place - 1].raw).empty()) lines[place - 1].raw += lineEnd;
+    lines.insert(lines.begin() + static_cast<std::ptrdiff_t>(place), added.begin(), added.end());
+}
+
+bool IniText::remove(const std::string* section, const std::string& key) {
+    bool removed = false;
+    bool headerGoes = false;
+    bool onlyBlanks = true;
+    for (auto line = lines.end(); line != lines.begin();) {
+        --line;
+        if (line->kind == IniLine::assignment && sameName(line->key, key) &&
+            (!section || sameName(line->section, *section))) {
+            line = lines.erase(line);
+            removed = headerGoes = true;
+        } else if (line->kind == IniLine::header) {
+            if (headerGoes && onlyBlanks) line = lines.erase(line);
+            headerGoes = false;
+            onlyBlanks = true;
+        } else if (line->kind == IniLine::assignment || !line->key.empty()) {
+            onlyBlanks = false;
+        }
+    }
+    return removed;
+}

@@ -1,0 +1,193 @@
+#include <err.h>
+#include <getopt.h>
+#include <strings.h>
+#include <sysexits.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "daemonstate.h"
+#include "iniwriter.h"
+#include "sharedfile.h"
+#include "show.h"
+
+namespace {
+
+constexpr const char* alarmKeys[] = {"ALARM1", "ALARM2"};
+constexpr unsigned patienceSeconds = 60;
+// The daemon looks once a second; the rest is for its work in between.
+constexpr timespec waitTime = {1, 500000000};
+
+constexpr const char* help =
+    "usage: pinwatchd-alarm [OPTION...] raise SECTION [ALARM1|ALARM2] [TEXT...]\n"
+    "       pinwatchd-alarm [OPTION...] clear SECTION [ALARM1|ALARM2]\n"
+    "       pinwatchd-alarm [OPTION...] clear --all\n"
+    "       pinwatchd-alarm [OPTION...] show\n"
+    "\n"
+    "Raises and clears alarms in the file that pinwatchd reads. SECTION is the name of their\n"
+    "source, ALARM1 the alarm if none is said; clear clears both. show tells what is raised,\n"
+    "and ends with 0 for no alarm, 1 for ALARM1, 2 for ALARM2. Options stand before SECTION:\n"
+    "\n"
+    "  --file FILE   the alarms file, if not the one that the daemon's settings name\n"
+    "  --wait        return when a daemon with a unit must have read the change\n"
+    "  --all         clear both alarms of all sections\n"
+    "  --help, --version\n";
+
+struct Options {
+    const char* file = nullptr;
+    bool wait = false;
+    bool all = false;
+};
+
+// Reads options up to the next word; optind is its index then.
+void readOptions(int argc, char* argv[], Options& options) {
+    static const option known[] = {
+        {"file", required_argument, nullptr, 'f'}, {"wait", no_argument, nullptr, 'w'},
+        {"all", no_argument, nullptr, 'a'},        {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'v'},    {nullptr, 0, nullptr, 0},
+    };
+    for (;;) {
+        switch (getopt_long(argc, argv, "+", known, nullptr)) {
+            case -1:
+                return;
+            case 'f':
+                options.file = optarg;
+                break;
+            case 'w':
+                options.wait = true;
+                break;
+            case 'a':
+                options.all = true;
+                break;
+            case 'h':
+                std::fputs(help, stdout);
+                std::exit(EX_OK);
+            case 'v':
+                std::puts("pinwatchd-alarm " PINWATCHD_VERSION);
+                std::exit(EX_OK);
+            default:  // getopt_long has said it
+                std::exit(EX_USAGE);
+        }
+    }
+}
+
+[[noreturn]] void failUsage(const char* reason) { errx(EX_USAGE, "%s, see --help", reason); }
+
+// The file that the daemon reads if it is started now.
+std::string fileOfSettings() {
+    const IniFile settings(settingsPath, settingsOverlayPath);
+    if (settings.primaryMtime != modificationTime(settingsPath) ||
+        settings.overlayMtime != modificationTime(settingsOverlayPath)) {
+        errx(EX_CONFIG, "the settings %s and %s cannot be read, say the alarms file with --file",
+             settingsPath, settingsOverlayPath);
+    }
+    return alarmsPath(settings);
+}
+
+// The key of an alarm's name in any letter case, or null.
+const char* alarmKey(const std::string& name) {
+    for (const char* key : alarmKeys) {
+        if (strcasecmp(key, name.c_str()) == 0) return key;
+    }
+    return nullptr;
+}
+
+SharedFile::Edit raising(const std::vector<std::string>& words) {
+    if (words.empty()) failUsage("raise needs a section");
+    const std::string& section = words[0];
+    const char* said = words.size() > 1 ? alarmKey(words[1]) : nullptr;
+    const std::string key = said ? said : alarmKeys[0];
+    const std::size_t textBegin = said ? 2 : 1;
+    const bool hasText = words.size() > textBegin;
+    std::string text;
+    for (std::size_t index = textBegin; index < words.size(); ++index) {
+        if (index > textBegin) text += ' ';
+        text += words[index];
+    }
+    if (iniHeader(section).empty()) {
+        errx(EX_DATAERR,
+             "no section can be named '%s': it has a line feed, or blanks or brackets at an end",
+             printable(section).c_str());
+    }
+    if (iniAssignment(key, text).empty()) {
+        errx(EX_DATAERR,
+             "no alarm can have the text '%s': it has a line feed, or double quotes at the ends",
+             printable(text).c_str());
+    }
+    return [=](std::string& content) {
+        IniText ini(content);
+        const std::string* value = ini.value(section, key);
+        if (value && (!hasText || *value == text)) return false;
+        ini.set(section, key, text);
+        content = ini.text();
+        return true;
+    };
+}
+
+SharedFile::Edit clearing(const std::vector<std::string>& words, bool all) {
+    const char* key = words.size() > 1 ? alarmKey(words[1]) : nullptr;
+    if (all ? !words.empty() : words.empty()) failUsage("clear needs a section or --all");
+    if (words.size() > 2 || (words.size() == 2 && !key)) {
+        failUsage("what follows the section is not ALARM1 or ALARM2");
+    }
+    const std::string section = all ? "" : words[0];
+    return [=](std::string& content) {
+        IniText ini(content);
+        bool changed = false;
+        for (const char* other : alarmKeys) {
+            if (!key || key == other) changed |= ini.remove(all ? nullptr : &section, other);
+        }
+        content = ini.text();
+        return changed;
+    };
+}
+
+// Locks are waited for, but not without end: a job that hangs would tell nobody.
+std::string waitedFor;
+
+void onTimeout(int) {
+    constexpr const char* reason = ": not done within 60 seconds, is it locked?\n";
+    for (const char* part : {"pinwatchd-alarm: ", waitedFor.c_str(), reason}) {
+        if (write(STDERR_FILENO, part, std::strlen(part)) < 0) break;
+    }
+    _exit(EX_TEMPFAIL);
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+    argv[0] = program_invocation_short_name;
+    Options options;
+    readOptions(argc, argv, options);
+    if (optind >= argc) failUsage("nothing to do");
+    const std::string command = argv[optind++];
+    readOptions(argc, argv, options);
+    const std::vector<std::string> words(argv + optind, argv + argc);
+
+    if (command != "raise" && command != "clear" && command != "show") {
+        failUsage("the command is not raise, clear or show");
+    }
+    if (options.all && command != "clear") failUsage("--all goes with clear only");
+    if (command == "show" && (options.wait || !words.empty())) {
+        failUsage("show takes no words and no --wait");
+    }
+    SharedFile::Edit edit;
+    if (command == "raise") edit = raising(words);
+    if (command == "clear") edit = clearing(words, options.all);
+
+    const std::string path = options.file ? options.file : fileOfSettings();
+    waitedFor = path;
+    signal(SIGALRM, onTimeout);
+    alarm(patienceSeconds);
+    if (command == "show") return show(path, isatty(STDOUT_FILENO) == 1);
+    SharedFile file(path);
+    if (!file.update(edit)) errx(file.status, "%s", file.problem.c_str());
+    alarm(0);
+    if (options.wait) nanosleep(&waitTime, nullptr);
+    return EX_OK;
+}

@@ -1,0 +1,83 @@
+#include "show.h"
+
+#include <err.h>
+#include <sys/stat.h>
+#include <sysexits.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <deque>
+
+#include "alarmmask.h"
+
+namespace {
+
+void printAlarms(const IniFile& alarms, const char* before, const char* after) {
+    std::deque<std::string> names;
+    alarms.sectionNames(names);
+    for (const std::string& name : names) {
+        bool named = false;
+        for (const char* key : {"ALARM1", "ALARM2"}) {
+            if (!alarms.hasKey(name, key)) continue;
+            if (!named) std::printf("[%s]\n", printable(name).c_str());
+            named = true;
+            const std::string& text = alarms.value(name, key, "");
+            std::printf("    %s%s%s%s%s\n", before, key, after, text.empty() ? "" : " ",
+                        printable(text).c_str());
+        }
+    }
+}
+
+void printOutputs(AlarmMask mask, bool terminal) {
+    static constexpr const char* states[] = {"no alarm", "ALARM1", "ALARM2"};
+    for (int output = 0; output < 2; ++output) {
+        const bool high = (pinValues[mask] >> output & 1) != 0;
+        const char* lamp = !terminal ? "" : high ? "\033[32m●\033[0m " : "\033[31m○\033[0m ";
+        std::printf("CBUS%d %s%s  ", output, lamp, high ? "high" : "low");
+    }
+    std::printf("%s\n", states[mask]);
+}
+
+}  // namespace
+
+std::string printable(std::string text) {
+    for (char& c : text) {
+        if ((c >= 0 && c < ' ') || c == '\x7f') c = '?';
+    }
+    return text;
+}
+
+int show(const std::string& path, bool terminal) {
+    struct stat status = {};
+    const bool exists = stat(path.c_str(), &status) == 0;
+    IniFile alarms("");
+    // What is no file could make the reader wait without end.
+    if (exists && !S_ISREG(status.st_mode)) {
+        warnx("%s: is not a regular file", path.c_str());
+        return EX_NOINPUT;
+    }
+    // A missing file is a state of its own, a missing directory a mistake.
+    const std::string folder = path.substr(0, path.rfind('/') + 1);
+    if (exists ? !alarms.load(path)
+               : errno != ENOENT || (!folder.empty() && access(folder.c_str(), F_OK) != 0)) {
+        warn("%s", path.c_str());
+        return errno == EACCES ? EX_NOPERM : EX_NOINPUT;
+    }
+
+    const AlarmMask mask = evaluateAlarmMask(alarms);
+    printAlarms(alarms, terminal ? "\033[31m" : "", terminal ? "\033[0m" : "");
+    printOutputs(mask, terminal);
+    if (exists) {
+        // Not the modification time, which numbers the versions and may run ahead.
+        char since[sizeof "2026-11-25 12:00:00"];
+        tm local = {};
+        std::strftime(since, sizeof since, "%F %T", localtime_r(&status.st_ctime, &local));
+        std::printf("%s, since %s\n", path.c_str(), since);
+    } else {
+        std::printf("%s does not exist; a unit keeps what it shows until it does\n", path.c_str());
+    }
+    return mask;
+}
