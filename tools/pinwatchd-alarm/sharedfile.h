@@ -6,14 +6,16 @@
 #include <functional>
 #include <string>
 
-// A small file that many programs change at once and the daemon reads: no change is lost, the
-// file is whole at any moment, and each version has another time in whole seconds.
+// A small file that many programs change at once and the daemon reads: no change is lost, no
+// reader sees half a change, and each version has another time in whole seconds.
 //
 // A change reads the file and puts a new one in its place, with the owner, group, mode and
 // access list of the old one. Meanwhile an exclusive flock on the directory, which stays the
 // same when files are renamed, keeps other changes out, and a shared one on the file those
 // publishers that write it in place; the daemon need not wait. Where the file cannot be
 // replaced, for want of rights or of room, it is written in place, and then the daemon waits.
+// Killed while it writes in place, it may leave blank lines at the end, and of a file larger than
+// a page parts of both versions.
 class SharedFile {
 public:
     // Changes a text; false to leave the file as it is.
