@@ -30,15 +30,18 @@ constexpr std::uint8_t cbusLevels = 0x0F;
 constexpr int maxRefusals = 3;
 
 // Bus directory and device file, by which libusb opens the device: below /dev/bus/usb also the
-// path of its device node.
+// path of its device node. Empty for a record without a bus, which has no such file.
 std::string deviceFile(const struct usb_device* dev) {
+    if (!dev->bus) return "";
     return std::string(dev->bus->dirname) + "/" + dev->filename;
 }
 
 // The device node, in today's place or that of older systems; empty if there is none.
 std::string findDeviceNode(const struct usb_device* dev) {
+    const std::string file = deviceFile(dev);
+    if (file.empty()) return "";
     for (const char* root : {"/dev/bus/usb/", "/proc/bus/usb/"}) {
-        std::string node = root + deviceFile(dev);
+        std::string node = root + file;
         if (access(node.c_str(), F_OK) == 0) return node;
     }
     return "";
@@ -114,6 +117,9 @@ bool TQ5Ftdi::openListed(const std::string* path, bool newcomersOnly) {
     ftdi_device_list* list = nullptr;
     bool opened = false;
     const int count = ftdi_usb_find_all(&ftdi, &list, vendorId, productId);
+    // Only here, as no other opening looks at devices behind the one that it opens. A failed
+    // listing forgets all, so that it is not repeated for their sake.
+    if (newcomersOnly) forgetUnlisted(list, count);
     if (count == 0) {
         logDebug2("FTDI device is not found");
     } else if (count < 0) {
@@ -138,14 +144,13 @@ bool TQ5Ftdi::openListed(const std::string* path, bool newcomersOnly) {
             opened = true;
         }
     }
-    if (count >= 0) forgetUnlisted(list);
     if (list) ftdi_list_free(&list);
     return opened;
 }
 
-void TQ5Ftdi::forgetUnlisted(const ftdi_device_list* list) {
+void TQ5Ftdi::forgetUnlisted(const ftdi_device_list* list, int count) {
     std::map<std::string, int> listed;
-    for (; list && !refusals.empty(); list = list->next) {
+    for (int i = 0; i < count; ++i, list = list->next) {
         const auto entry = refusals.find(deviceFile(list->dev));
         if (entry != refusals.end()) listed.insert(*entry);
     }

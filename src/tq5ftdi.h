@@ -74,7 +74,7 @@ private:
     bool checkEeprom();
     bool openDevice(struct usb_device* dev);
     bool openListed(const std::string* path, bool newcomersOnly);
-    void forgetUnlisted(const ftdi_device_list* list);
+    void forgetUnlisted(const ftdi_device_list* list, int count);
     void closeDevice(bool reset);
 
     std::string deviceNode;  // the file of the open unit below /dev, if it has one

@@ -26,7 +26,7 @@ constexpr timespec oneSecond = {1, 0};
 constexpr timespec noWait = {0, 0};
 
 // A burst of events is over when nothing has come for so long from a device that the kernel has
-// enumerated, and in any case at its limits.
+// enumerated, and in any case at its limits: of time, and of what is read or kept.
 constexpr timespec burstGap = {0, 50'000'000};
 constexpr std::int64_t burstLimitMs = 300;
 constexpr std::size_t maxKept = 64;
@@ -141,7 +141,7 @@ bool UeventMonitor::takeUnitThatStays() {
 void UeventMonitor::passBurst() {
     const timespec start = now();
     bool over = false;
-    while (kept.size() < maxKept) {
+    for (std::size_t tries = 0; tries < maxKept && kept.size() < maxKept; ++tries) {
         const bool came = readAhead(nodePath, over ? &noWait : &burstGap);
         if (over && !came) return;
         over = over || (!came && arrival.deviceIsConfigured()) ||
@@ -150,7 +150,8 @@ void UeventMonitor::passBurst() {
 }
 
 void UeventMonitor::passBurstOf(const std::string& path) {
-    while (kept.size() < maxKept && readAhead(path, &noWait)) {
+    for (std::size_t tries = 0; tries < maxKept && kept.size() < maxKept; ++tries) {
+        if (!readAhead(path, &noWait)) return;
     }
 }
 

@@ -50,7 +50,9 @@ TEST_F(DriverTest, TurnsUnitsAwayWithTheReason) {
     for (const Case& test : cases) {
         for (const bool search : {true, false}) {
             world.attached.clear();
-            world.attach("004", test.product).descriptor.bcdDevice = test.bcdDevice;
+            struct usb_device& dev = world.attach("004", test.product);
+            dev.descriptor.bcdDevice = test.bcdDevice;
+            if (search) dev.bus = nullptr;  // nothing but an opened unit's path needs it
             world.eepromWord = test.eepromWord;
             world.results[test.failing] = {-1};
             EXPECT_FALSE(search ? unit.openBySearch() : unit.openByNodePath("001/004"));
@@ -89,6 +91,19 @@ TEST_F(DriverTest, ChoosesAmongSeveralUnits) {
     world.take();
     EXPECT_FALSE(unit.openByNodePath(""));
     EXPECT_EQ(world.take(), "<7>open FTDI device by node path: ''|");
+}
+
+TEST_F(DriverTest, LooksAtNothingBehindTheUnitThatItOpens) {
+    world.attach("002", "other");
+    world.attach("003");
+    world.attach("004").bus = nullptr;
+    TQ5Ftdi unit;
+    EXPECT_TRUE(unit.openBySearch());
+    unit.close();
+    EXPECT_TRUE(unit.hasNewcomers());
+    world.results["find_all"] = {-1};
+    EXPECT_FALSE(unit.openNewcomer());
+    EXPECT_FALSE(unit.hasNewcomers());  // or a failing list would be asked for without end
 }
 
 TEST_F(DriverTest, ReportsFailedWrites) {
