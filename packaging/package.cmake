@@ -76,7 +76,11 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4)
     set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE i386)
 endif()
 # Written out, as dpkg-shlibdeps cannot see a cross build's libraries; packtime.cmake adds libc.
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "libftdi1 (>= 0.20), libusb-0.1-4 (>= 2:0.1.12)")
+if(PINWATCHD_LIBFTDI1)
+    set(CPACK_DEBIAN_PACKAGE_DEPENDS "libftdi1-2 (>= 1.5), libusb-1.0-0 (>= 2:1.0.22)")
+else()
+    set(CPACK_DEBIAN_PACKAGE_DEPENDS "libftdi1 (>= 0.20), libusb-0.1-4 (>= 2:0.1.12)")
+endif()
 set(CPACK_PINWATCHD_PROGRAMS ${CMAKE_BINARY_DIR}/pinwatchd)
 set(CPACK_PINWATCHD_READELF ${CMAKE_READELF})
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA

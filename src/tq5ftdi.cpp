@@ -3,7 +3,6 @@
 #include <libintl.h>
 #include <unistd.h>
 
-#include <cassert>
 #include <cerrno>
 #include <cstring>
 
@@ -11,7 +10,7 @@
 
 namespace {
 
-constexpr int ft232rRelease = 0x0600;  // bcdDevice of the FT232R family
+constexpr unsigned ft232rRelease = 0x0600;  // bcdDevice of the FT232R family
 constexpr const char* productMark = "TQ-5";
 constexpr int productSize = 512;
 
@@ -29,15 +28,8 @@ constexpr std::uint8_t cbusLevels = 0x0F;
 // still enumerating the unit, and is what loses the events of the second.
 constexpr int maxRefusals = 3;
 
-// Bus directory and device file, by which libusb opens the device: below /dev/bus/usb also the
-// path of its device node. Empty for a record without a bus, which has no such file.
-std::string deviceFile(const struct usb_device* dev) {
-    if (!dev->bus) return "";
-    return std::string(dev->bus->dirname) + "/" + dev->filename;
-}
-
 // The device node, in today's place or that of older systems; empty if there is none.
-std::string findDeviceNode(const struct usb_device* dev) {
+std::string findDeviceNode(UsbDevice* dev) {
     const std::string file = deviceFile(dev);
     if (file.empty()) return "";
     for (const char* root : {"/dev/bus/usb/", "/proc/bus/usb/"}) {
@@ -49,30 +41,6 @@ std::string findDeviceNode(const struct usb_device* dev) {
 
 }  // namespace
 
-std::string deviceNodePath(struct usb_device* dev) {
-    std::string result;
-    if (!dev->bus->root_dev) {
-        result = deviceFile(dev);
-    } else if (findDev(dev->bus->root_dev, dev, result)) {
-        result = std::string(dev->bus->dirname) + "/" + result;
-    }
-    logDebug2("device node path: '%s'", result.c_str());
-    return result;
-}
-
-bool findDev(struct usb_device* where, struct usb_device* dev, std::string& path) {
-    assert(where && "where is null");
-    if (where == dev) return true;
-    for (int i = 0; i < where->num_children; ++i) {
-        struct usb_device* child = where->children[i];
-        if (child && findDev(child, dev, path)) {
-            path.insert(0, path.empty() ? "" : "/").insert(0, child->filename);
-            return true;
-        }
-    }
-    return false;
-}
-
 const char* TQ5Ftdi::tr(const char* message) {
     // 0x04 is gettext's separator between context and message.
     const std::string key = std::string("TQ5Ftdi|\x04") + message;
@@ -81,7 +49,7 @@ const char* TQ5Ftdi::tr(const char* message) {
 }
 
 TQ5Ftdi::TQ5Ftdi() : ftdi() {
-    if (ftdi_init(&ftdi) < 0) logError(tr("ftdi_init failed"));
+    if (initLibrary(ftdi) < 0) logError(tr("ftdi_init failed"));
 }
 
 TQ5Ftdi::~TQ5Ftdi() {
@@ -116,7 +84,7 @@ bool TQ5Ftdi::hasNewcomers() const {
 bool TQ5Ftdi::openListed(const std::string* path, bool newcomersOnly) {
     ftdi_device_list* list = nullptr;
     bool opened = false;
-    const int count = ftdi_usb_find_all(&ftdi, &list, vendorId, productId);
+    const int count = listDevices(ftdi, &list, vendorId, productId);
     // Only here, as no other opening looks at devices behind the one that it opens. A failed
     // listing forgets all, so that it is not repeated for their sake.
     if (newcomersOnly) forgetUnlisted(list, count);
@@ -128,7 +96,7 @@ bool TQ5Ftdi::openListed(const std::string* path, bool newcomersOnly) {
         logDebug2("number of FTDI devices found: %d", count);
         const ftdi_device_list* element = list;
         for (int i = 0; i < count && !opened; ++i, element = element->next) {
-            struct usb_device* dev = element->dev;
+            UsbDevice* dev = element->dev;
             logDebug2("checking device: %d", i);
             // With a path given it is compared first: units elsewhere are not even asked for
             // their product string.
@@ -157,15 +125,15 @@ void TQ5Ftdi::forgetUnlisted(const ftdi_device_list* list, int count) {
     refusals.swap(listed);
 }
 
-bool TQ5Ftdi::checkChipType(struct usb_device* dev) {
-    if (dev->descriptor.bcdDevice == ft232rRelease) return checkProduct(dev);
-    logDebug1("FTDI device: unexpected chip type (bcdDevice = '%04X')",
-              static_cast<unsigned>(dev->descriptor.bcdDevice));
+bool TQ5Ftdi::checkChipType(UsbDevice* dev) {
+    const unsigned release = deviceRelease(dev);
+    if (release == ft232rRelease) return checkProduct(dev);
+    logDebug1("FTDI device: unexpected chip type (bcdDevice = '%04X')", release);
     logWarning(tr("FTDI device is not compatible"));
     return false;
 }
 
-bool TQ5Ftdi::checkProduct(struct usb_device* dev) {
+bool TQ5Ftdi::checkProduct(UsbDevice* dev) {
     char product[productSize] = "";
     if (ftdi_usb_get_strings(&ftdi, dev, nullptr, 0, product, productSize, nullptr, 0) < 0) {
         logError(tr("ftdi_usb_get_strings failed: %s"), ftdi_get_error_string(&ftdi));
@@ -179,7 +147,7 @@ bool TQ5Ftdi::checkProduct(struct usb_device* dev) {
     return true;
 }
 
-bool TQ5Ftdi::openDevice(struct usb_device* dev) {
+bool TQ5Ftdi::openDevice(UsbDevice* dev) {
     // Looked for before the opening: a unit that leaves during it must be noticed as well.
     deviceNode = findDeviceNode(dev);
     if (ftdi_usb_open_dev(&ftdi, dev) < 0) {
@@ -208,7 +176,7 @@ bool TQ5Ftdi::checkEeprom() {
 void TQ5Ftdi::closeDevice(bool reset) {
     if (!ftdi.usb_dev) return;
     if (ftdi.bitbang_enabled) ftdi_disable_bitbang(&ftdi);
-    if (reset) usb_reset(ftdi.usb_dev);
+    if (reset) resetUnit(ftdi);
     ftdi_usb_close(&ftdi);
     description.clear();
     nodePath.clear();

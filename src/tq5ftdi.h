@@ -1,20 +1,10 @@
 #pragma once
 
-#include <ftdi.h>
-#include <usb.h>
-
 #include <cstdint>
 #include <map>
 #include <string>
 
-// The node path of a device listed by libusb, as uevents give it: bus directory, "/", device
-// file (for example 001/004). Behind an external hub the hub's file stands between the two.
-// Empty when the device is not in its bus's tree.
-std::string deviceNodePath(struct usb_device* dev);
-
-// Searches the tree below `where`, which must not be null, for `dev`, and puts the chain of
-// device files that leads to it, joined by "/", before `path`. False when it is not there.
-bool findDev(struct usb_device* where, struct usb_device* dev, std::string& path);
+#include "ftdilibrary.h"
 
 // The alarm-output unit: an FT232R whose product string contains "TQ-5" and whose EEPROM gives
 // CBUS0 and CBUS1 to bit-bang mode. Owns one libftdi context and at most one open unit; every
@@ -69,10 +59,10 @@ private:
     // "TQ5Ftdi|". Without a translation the message itself.
     static const char* tr(const char* message) __attribute__((format_arg(1)));
 
-    bool checkChipType(struct usb_device* dev);
-    bool checkProduct(struct usb_device* dev);
+    bool checkChipType(UsbDevice* dev);
+    bool checkProduct(UsbDevice* dev);
     bool checkEeprom();
-    bool openDevice(struct usb_device* dev);
+    bool openDevice(UsbDevice* dev);
     bool openListed(const std::string* path, bool newcomersOnly);
     void forgetUnlisted(const ftdi_device_list* list, int count);
     void closeDevice(bool reset);

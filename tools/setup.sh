@@ -4,7 +4,7 @@
 
 packages=(
     g++ g++-i686-linux-gnu cmake ninja-build googletest
-    libftdi-dev libusb-dev
+    libftdi-dev libusb-dev libftdi1-dev libusb-1.0-0-dev
     qemu-system-x86 cpio xz-utils
 )
 documentPackages=(gettext mandoc python3)
@@ -113,7 +113,7 @@ prepare() {
 prepareVm() {
     local kernel
     for kernel; do
-        if [ ! -e build/vm/base.cpio ] || [ ! -e "build/vm/$kernel" ]; then
+        if [ ! build/vm/base.cpio -nt tools/vm/image ] || [ ! -e "build/vm/$kernel" ]; then
             quietly "fetching the VM's kernel $kernel (50 to 110 MB) and i386 libraries" \
                 "${as_owner[@]}" tools/vm/image "$kernel"
         fi

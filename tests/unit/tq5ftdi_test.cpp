@@ -50,9 +50,9 @@ TEST_F(DriverTest, TurnsUnitsAwayWithTheReason) {
     for (const Case& test : cases) {
         for (const bool search : {true, false}) {
             world.attached.clear();
-            struct usb_device& dev = world.attach("004", test.product);
+            ListedDevice& dev = world.attach("004", test.product);
             dev.descriptor.bcdDevice = test.bcdDevice;
-            if (search) dev.bus = nullptr;  // nothing but an opened unit's path needs it
+            if (search) takeBus(dev);  // nothing but an opened unit's path needs it
             world.eepromWord = test.eepromWord;
             world.results[test.failing] = {-1};
             EXPECT_FALSE(search ? unit.openBySearch() : unit.openByNodePath("001/004"));
@@ -96,7 +96,7 @@ TEST_F(DriverTest, ChoosesAmongSeveralUnits) {
 TEST_F(DriverTest, LooksAtNothingBehindTheUnitThatItOpens) {
     world.attach("002", "other");
     world.attach("003");
-    world.attach("004").bus = nullptr;
+    takeBus(world.attach("004"));
     TQ5Ftdi unit;
     EXPECT_TRUE(unit.openBySearch());
     unit.close();
@@ -128,30 +128,6 @@ TEST_F(DriverTest, SurvivesAFailedInitialisation) {
     world.results["ftdi_init"] = {-1};
     { const TQ5Ftdi unit; }
     EXPECT_EQ(world.take(), "<3>ftdi_init failed|<6>close FTDI device '' ()|");
-}
-
-TEST_F(DriverTest, FindsTheNodePathBehindAHub) {
-    struct usb_device& root = world.attach("001");
-    struct usb_device& hub = world.attach("002");
-    struct usb_device& unit = world.attach("003");
-    struct usb_device& stranger = world.attach("009");
-    struct usb_device* rootChildren[] = {nullptr, &hub};
-    struct usb_device* hubChildren[] = {nullptr, &unit};
-    root.children = rootChildren;
-    root.num_children = 2;
-    hub.children = hubChildren;
-    hub.num_children = 2;
-    world.bus.root_dev = &root;
-    EXPECT_EQ(deviceNodePath(&hub), "001/002");
-    EXPECT_EQ(deviceNodePath(&unit), "001/002/003");
-    EXPECT_EQ(deviceNodePath(&stranger), "");
-    world.bus.root_dev = nullptr;
-    EXPECT_EQ(deviceNodePath(&unit), "001/003");
-
-    std::string path;
-    EXPECT_DEATH(findDev(nullptr, &unit, path),
-                 R"(\.\./\.\./pinwatchd/src/tq5ftdi\.cpp:.*bool findDev\(usb_device\*, )"
-                 R"(usb_device\*, std::string&\): .*`where && "where is null"')");
 }
 
 }  // namespace

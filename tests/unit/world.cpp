@@ -42,15 +42,12 @@ bool enterOwnSystem() {
 
 }  // namespace
 
-World::World() { std::strcpy(bus.dirname, "001"); }
-
-struct usb_device& World::attach(const std::string& file, const std::string& product) {
+ListedDevice& World::attach(const std::string& file, const std::string& product) {
     attached.emplace_back();
     Attached& last = attached.back();
     last.product = product;
-    last.device.bus = &bus;
     last.device.descriptor.bcdDevice = 0x0600;
-    std::strcpy(last.device.filename, file.c_str());
+    setFile(last.device, file.c_str());
     return last.device;
 }
 
@@ -162,11 +159,6 @@ int setlogmask(int mask) {
 
 int isatty(int) { return world.terminal ? 1 : 0; }
 
-int usb_reset(usb_dev_handle*) {
-    world.add("usb_reset");
-    return -1;
-}
-
 int ftdi_init(ftdi_context* context) {
     const int result = world.result("ftdi_init");
     if (result == 0) context->readbuffer = &readBuffer;
@@ -175,7 +167,9 @@ int ftdi_init(ftdi_context* context) {
 
 void ftdi_deinit(ftdi_context*) { world.add("ftdi_deinit"); }
 
-char* ftdi_get_error_string(ftdi_context*) { return const_cast<char*>("reason"); }
+decltype(ftdi_get_error_string(nullptr)) ftdi_get_error_string(ftdi_context*) {
+    return const_cast<char*>("reason");
+}
 
 int ftdi_usb_find_all(ftdi_context*, ftdi_device_list** list, int vendor, int product) {
     world.add("find_all %04x:%04x", static_cast<unsigned>(vendor), static_cast<unsigned>(product));
@@ -194,8 +188,8 @@ void ftdi_list_free(ftdi_device_list** list) {
     world.listFreed = true;
 }
 
-int ftdi_usb_get_strings(ftdi_context*, struct usb_device* dev, char* manufacturer, int,
-                         char* product, int productSize, char* serial, int) {
+int ftdi_usb_get_strings(ftdi_context*, ListedDevice* dev, char* manufacturer, int, char* product,
+                         int productSize, char* serial, int) {
     EXPECT_FALSE(manufacturer || serial);
     EXPECT_EQ(productSize, 512);
     for (const World::Attached& unit : world.attached) {
@@ -204,10 +198,10 @@ int ftdi_usb_get_strings(ftdi_context*, struct usb_device* dev, char* manufactur
     return world.result("get_strings");
 }
 
-int ftdi_usb_open_dev(ftdi_context* context, struct usb_device* dev) {
+int ftdi_usb_open_dev(ftdi_context* context, ListedDevice* dev) {
     world.add("open %s", dev->filename);
     const int result = world.result("open");
-    if (result == 0) context->usb_dev = reinterpret_cast<usb_dev_handle*>(dev);
+    if (result == 0) context->usb_dev = reinterpret_cast<decltype(context->usb_dev)>(dev);
     return result;
 }
 

@@ -2,13 +2,14 @@
 
 #include <ftdi.h>
 #include <gtest/gtest.h>
-#include <usb.h>
 
 #include <ctime>
 #include <deque>
 #include <functional>
 #include <map>
 #include <string>
+
+#include "listed.h"
 
 // What the code under test meets instead of libftdi, libusb, syslog and a terminal.
 // Each call, and each message that passes the log's mask, is one line of the trace, which ends
@@ -25,15 +26,13 @@ struct World {
     bool terminal = false;
 
     struct Attached {
-        struct usb_device device = {};
+        ListedDevice device = {};
         std::string product;
         ftdi_device_list element = {};
     };
-    usb_bus bus = {};
     std::deque<Attached> attached;
 
-    World();
-    struct usb_device& attach(const std::string& file, const std::string& product = "TQ-5 unit");
+    ListedDevice& attach(const std::string& file, const std::string& product = "TQ-5 unit");
     void add(const char* format, ...) __attribute__((format(printf, 2, 3)));
     int result(const std::string& call);
     // The trace so far; the next one starts empty.

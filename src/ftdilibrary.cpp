@@ -1,0 +1,46 @@
+#include "ftdilibrary.h"
+
+#include <usb.h>
+
+#include <cassert>
+
+#include "logger.h"
+
+int initLibrary(ftdi_context& ftdi) { return ftdi_init(&ftdi); }
+
+int listDevices(ftdi_context& ftdi, ftdi_device_list** list, int vendorId, int productId) {
+    return ftdi_usb_find_all(&ftdi, list, vendorId, productId);
+}
+
+unsigned deviceRelease(UsbDevice* dev) { return dev->descriptor.bcdDevice; }
+
+std::string deviceFile(UsbDevice* dev) {
+    if (!dev->bus) return "";
+    return std::string(dev->bus->dirname) + "/" + dev->filename;
+}
+
+std::string deviceNodePath(UsbDevice* dev) {
+    std::string result;
+    if (!dev->bus->root_dev) {
+        result = deviceFile(dev);
+    } else if (findDev(dev->bus->root_dev, dev, result)) {
+        result = std::string(dev->bus->dirname) + "/" + result;
+    }
+    logDebug2("device node path: '%s'", result.c_str());
+    return result;
+}
+
+bool findDev(struct usb_device* where, struct usb_device* dev, std::string& path) {
+    assert(where && "where is null");
+    if (where == dev) return true;
+    for (int i = 0; i < where->num_children; ++i) {
+        struct usb_device* child = where->children[i];
+        if (child && findDev(child, dev, path)) {
+            path.insert(0, path.empty() ? "" : "/").insert(0, child->filename);
+            return true;
+        }
+    }
+    return false;
+}
+
+void resetUnit(ftdi_context& ftdi) { usb_reset(ftdi.usb_dev); }

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <ftdi.h>
+
+#include <string>
+#include <type_traits>
+
+// What the driver needs of libftdi and libusb that differs between libftdi 0.20 (ftdilibrary.cpp)
+// and libftdi1 (libftdi1/ftdilibrary.cpp). A build has one of the two.
+
+// A device as the library lists it: usb_device of libusb 0.1, or libusb_device of libusb 1.0.
+using UsbDevice = std::remove_pointer_t<decltype(ftdi_device_list::dev)>;
+
+// ftdi_init. What it starts takes none of the process's signals.
+int initLibrary(ftdi_context& ftdi);
+
+// ftdi_usb_find_all, of what is attached now. Only while no unit is open.
+int listDevices(ftdi_context& ftdi, ftdi_device_list** list, int vendorId, int productId);
+
+// The device's release number, bcdDevice of its descriptor.
+unsigned deviceRelease(UsbDevice* dev);
+
+// Bus directory and device file, by which libusb opens the device: below /dev/bus/usb also the
+// path of its device node. Empty for a record without a bus, which has no such file.
+std::string deviceFile(UsbDevice* dev);
+
+// The node path of a listed device, as uevents give it: bus directory, "/", device file (for
+// example 001/004). With libftdi 0.20 the hub's file stands between the two behind an external
+// hub, and it is empty when the device is not in its bus's tree.
+std::string deviceNodePath(UsbDevice* dev);
+
+// Resets the open unit on the bus.
+void resetUnit(ftdi_context& ftdi);
+
+// With libftdi 0.20 only: searches the tree below `where`, which must not be null, for `dev`, and
+// puts the chain of device files that leads to it, joined by "/", before `path`. False when it is
+// not there.
+bool findDev(struct usb_device* where, struct usb_device* dev, std::string& path);

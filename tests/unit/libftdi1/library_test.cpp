@@ -1,0 +1,74 @@
+#include <pthread.h>
+
+#include <csignal>
+#include <cstdlib>
+
+#include "tq5ftdi.h"
+#include "world.h"
+
+namespace {
+
+int contexts = 0;
+
+bool takesStopSignals() {
+    sigset_t mask;
+    pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+    return sigismember(&mask, SIGTERM) == 0 && sigismember(&mask, SIGPIPE) == 0;
+}
+
+using LibraryTest = WorldTest;
+
+TEST_F(LibraryTest, LooksAnewAtEachSearch) {
+    TQ5Ftdi unit;
+    contexts = 0;
+    EXPECT_FALSE(unit.openBySearch());
+    EXPECT_TRUE(takesStopSignals());
+    world.attach("004");
+    world.results["libusb_init"] = {-1, 0};
+    world.take();
+    EXPECT_FALSE(unit.openBySearch());
+    EXPECT_EQ(contexts, 0);
+    EXPECT_EQ(world.take(), "<3>ftdi_usb_find_all failed: reason|");
+    EXPECT_TRUE(unit.openBySearch());
+    EXPECT_EQ(contexts, 1);
+}
+
+TEST_F(LibraryTest, InitialisesAnewWhatFailedEarlyAtBoot) {
+    world.attach("004");
+    world.results["ftdi_init"] = {-3, -3, 0};
+    TQ5Ftdi unit;
+    EXPECT_FALSE(unit.openBySearch());
+    EXPECT_TRUE(unit.openBySearch());
+}
+
+}  // namespace
+
+extern "C" {
+
+int libusb_init(libusb_context** context) {
+    EXPECT_FALSE(takesStopSignals());
+    const int result = world.result("libusb_init");
+    if (result != 0) return result;
+    ++contexts;
+    *context = reinterpret_cast<libusb_context*>(&contexts);
+    return 0;
+}
+
+void libusb_exit(libusb_context*) { --contexts; }
+
+int libusb_get_device_descriptor(libusb_device* dev, libusb_device_descriptor* descriptor) {
+    *descriptor = dev->descriptor;
+    return 0;
+}
+
+std::uint8_t libusb_get_bus_number(libusb_device*) { return 1; }
+
+std::uint8_t libusb_get_device_address(libusb_device* dev) {
+    return static_cast<std::uint8_t>(std::atoi(dev->filename));
+}
+
+int libusb_reset_device(libusb_device_handle*) {
+    world.add("usb_reset");
+    return -1;
+}
+}
