@@ -1,21 +1,27 @@
-# shellcheck shell=bash disable=SC2034 # lists that the scripts use
+# shellcheck shell=bash
 # Sourced by ./run and ./test, with the root of the tree as current folder: the steps from a
 # machine with nothing installed to a built tree. Each is quick when it has been done before.
 
-packages=(
-    g++ g++-i686-linux-gnu cmake ninja-build googletest
-    libftdi-dev libusb-dev libftdi1-dev libusb-1.0-0-dev
-    qemu-system-x86 cpio xz-utils
-)
-documentPackages=(gettext mandoc python3)
-releasePackages=(debootstrap lintian systemd)
-# The runtime of clang's sanitizers is a package of its version.
-case $(sed -n 's/^VERSION_ID="\{0,1\}\([0-9]*\).*/\1/p' /etc/os-release) in
-12) fuzzPackages=(clang libclang-rt-14-dev) ;;
-*) fuzzPackages=(clang libclang-rt-19-dev) ;;
-esac
-analysePackages=(clang-format clang-tidy cppcheck git shellcheck)
-benchPackages=(libbenchmark-dev libinih-dev strace valgrind)
+# packagesFor PURPOSE...: prints the Debian packages that these need.
+packagesFor() {
+    local purpose clang=19
+    # The runtime of clang's sanitizers is a package of its version.
+    ! grep -q '^VERSION_ID="12"' /etc/os-release || clang=14
+    for purpose; do
+        case $purpose in
+        build)
+            echo g++ g++-i686-linux-gnu cmake ninja-build googletest
+            echo libftdi-dev libusb-dev libftdi1-dev libusb-1.0-0-dev
+            ;;
+        vm) echo qemu-system-x86 cpio xz-utils ;;
+        documents) echo gettext mandoc python3 ;;
+        lifecycle) echo debootstrap lintian systemd ;;
+        fuzz) echo clang "libclang-rt-$clang-dev" ;;
+        analyse) echo clang-format clang-tidy cppcheck git shellcheck ;;
+        bench) echo libbenchmark-dev libinih-dev strace valgrind ;;
+        esac
+    done
+}
 
 # giveToOwner FILE...: what root makes in another user's clone (sudo) is that user's.
 giveToOwner() {
@@ -29,48 +35,100 @@ if [ "$(id -u)" -eq 0 ] && [ "$(stat -c %u .)" -ne 0 ]; then
         env HOME="$(getent passwd "$(stat -c %u .)" | cut -d: -f6)")
 fi
 
+# What the script does at the moment, and the process of it that `launch` began.
+step=
+started=
+
+# launch COMMAND...: in the background, so that a signal to this script ends it at once.
+launch() {
+    "$@" &
+    started=$!
+}
+
+# finish: waits for what was started; its status.
+finish() {
+    local status=0
+    wait "$started" || status=$?
+    started=
+    return "$status"
+}
+
+# family PID: prints the process and all below it, parents first.
+family() {
+    cat /proc/[0-9]*/status 2>/dev/null | awk -v top="$1" '
+        function show(pid, n, list, i) {
+            print pid
+            n = split(below[pid], list)
+            for (i = 1; i <= n; ++i) show(list[i])
+        }
+        /^Pid:/ { pid = $2 }
+        /^PPid:/ { below[$2] = below[$2] " " pid }
+        END { show(top) }'
+}
+
+# shellcheck disable=SC2046,SC2317 # several words; called by traps
+interrupted() {
+    trap '' HUP INT TERM
+    if [ -n "$started" ]; then
+        kill $(family "$started") 2>/dev/null || true
+        wait "$started" || true
+    fi
+    echo "interrupted: ${step:-${0##*/}}" >&2
+    exit "$1"
+}
+trap 'interrupted 129' HUP
+trap 'interrupted 130' INT
+trap 'interrupted 143' TERM
+
+# waitForLock DESCRIPTOR
+waitForLock() {
+    if ! flock -n "$1"; then
+        echo "==> waiting for another command that builds here"
+        flock "$1"
+    fi
+}
+
 # quietly TITLE COMMAND...: says what is done and how long it took; shows the output if it fails.
 # Two commands that build in one clone wait for one another here.
 quietly() {
-    local title=$1 log began=$SECONDS
+    local log began=$SECONDS
+    step=$1
     log=build/logs/${1//[^A-Za-z0-9]/-}.log
     shift
     mkdir -p build/logs
     exec 8>build/lock
     touch "$log"
     giveToOwner build build/logs build/lock "$log"
-    if ! flock -n 8; then
-        echo "==> waiting for another command that builds here"
-        flock 8
-    fi
-    printf '==> %s\n' "$title"
-    if ! "$@" >"$log" 2>&1 8>&-; then
+    waitForLock 8
+    printf '==> %s\n' "$step"
+    launch "$@" >"$log" 2>&1 8>&-
+    if ! finish; then
         tail -n 40 "$log" >&2
-        echo "failed: $title (whole output: $log)" >&2
+        echo "failed: $step (whole output: $log)" >&2
         exit 1
     fi
     exec 8>&-
+    step=
     [ $((SECONDS - began)) -lt 2 ] || printf '    done in %d s\n' $((SECONDS - began))
 }
 
-missingPackages() {
-    local package
-    for package in "${packages[@]}"; do
-        [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
-            echo "$package"
-    done
-}
-
+# installPackages PURPOSE...: what these need and the machine lacks.
 installPackages() {
-    local missing as_root=() log=build/logs/install.log began=$SECONDS
-    mkdir -p build/logs
+    local package missing=() as_root=() log=build/logs/install.log began=$SECONDS
+    if ! mkdir -p build/logs 2>/dev/null || [ ! -w build/logs ]; then
+        echo "cannot write in $PWD/build, which belongs to $(stat -c %U "$([ -d build ] && echo build || echo .)")" >&2
+        exit 1
+    fi
     touch "$log"
     giveToOwner build build/logs "$log"
     if ! command -v apt-get >/dev/null; then
         echo "no apt-get here: this works on Debian 12 and 13" >&2
         exit 1
     fi
-    mapfile -t missing < <(missingPackages)
+    for package in $(packagesFor "$@"); do
+        [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
+            missing+=("$package")
+    done
     [ "${#missing[@]}" -gt 0 ] || return 0
     if [ "$(id -u)" -ne 0 ]; then
         if ! command -v sudo >/dev/null; then
@@ -81,7 +139,8 @@ installPackages() {
     fi
     as_root+=(env DEBIAN_FRONTEND=noninteractive LC_ALL=C)
     local install=(apt-get -q install --no-install-recommends "${missing[@]}")
-    printf '==> installing packages: %s\n' "${missing[*]}"
+    step="installing packages"
+    printf '==> %s: %s\n' "$step" "${missing[*]}"
     # One index that fails does no harm; whether the packages can be had, the next step shows.
     "${as_root[@]}" apt-get -q update >"$log" 2>&1 || true
     "${as_root[@]}" "${install[@]}" --assume-no 2>/dev/null |
@@ -91,18 +150,13 @@ installPackages() {
             "apt's output is in $log" >&2
         exit 1
     fi
+    step=
     printf '    done in %d s\n' $((SECONDS - began))
 }
 
-# prepare ARGUMENT...: installs what is missing and sees that build/ can be written. Where root
-# works in another user's clone (sudo), the script with these arguments starts anew as that user,
-# so that what it builds is the user's.
-prepare() {
-    if ! mkdir -p build/logs 2>/dev/null || [ ! -w build/logs ]; then
-        echo "cannot write in $PWD/build, which belongs to $(stat -c %U "$([ -d build ] && echo build || echo .)")" >&2
-        exit 1
-    fi
-    installPackages
+# becomeOwner ARGUMENT...: where root works in another user's clone (sudo), the script with these
+# arguments starts anew as that user, so that what it builds is the user's.
+becomeOwner() {
     if [ "${#as_owner[@]}" -gt 0 ]; then
         # The scripts have changed into the clone since they were called.
         exec "${as_owner[@]}" "$(cd "$OLDPWD" && realpath "$0")" "$@"
