@@ -26,4 +26,4 @@ set(CMAKE_CXX_STANDARD_INCLUDE_DIRECTORIES ${i386Sysroot}/usr/include)
 # The place of these libraries has no business in a program.
 set(CMAKE_SKIP_RPATH ON)
 # The linker looks for what they need in turn.
-set(CMAKE_EXE_LINKER_FLAGS_INIT -Wl,-rpath-link,${i386Sysroot}/usr/lib/i386-linux-gnu)
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,-rpath-link,\"${i386Sysroot}/usr/lib/i386-linux-gnu\"")
