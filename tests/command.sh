@@ -53,6 +53,9 @@ expect 0 '' raise --wait backup ALARM1 'exit 23'
 holds "$before"
 expect 1 $'[[]backup]\n    ALARM1 exit 23\nCBUS0 high  CBUS1 low  ALARM1\n*since*' show
 expect 0 '' raise backup -1
+expect 0 '' raise -- backup --help
+holds $'[backup]\nALARM1 = --help'
+expect 0 '' raise backup -1
 expect 0 '' raise boiler ALARM2 $'too \t hot'
 holds $'[backup]\nALARM1 = -1\n[boiler]\nALARM2 = too \t hot'
 expect 2 $'*ALARM2 too ? hot\nCBUS0 low  CBUS1 high  ALARM2*' show
@@ -62,13 +65,16 @@ expect 0 '' clear backup
 expect 0 '' clear --all
 holds ''
 for arguments in '' 'lower x' --none raise clear 'clear a ALARM3' 'clear --all a' 'show a' \
-    'raise --all a'; do
+    'raise --all a' 'raise a --wait' 'raise a ALARM2 b --help' 'raise a --fi=b' 'clear a --all'; do
     # shellcheck disable=SC2086 # several arguments
     expect 64 'pinwatchd-alarm: *' $arguments
 done
 expect 65 'pinwatchd-alarm: no section can be named *' raise 'a]'
 expect 65 'pinwatchd-alarm: no alarm can have the text *' raise a $'b\nc'
 holds ''
+
+[ "$("$program" --file alarms show 2>&1 >/dev/full)" = \
+    "pinwatchd-alarm: standard output: No space left on device" ] || fail "a full disk is not told of"
 
 # What is no file of text stays as it is.
 ln -s alarms link
@@ -96,13 +102,14 @@ print(base64.b64encode(os.getxattr("alarms", "system.posix_acl_access")).decode(
 fi
 
 # Who may write the file, but not its directory, writes it in place.
-printf '[other]\nALARM2 = stays\n' >alarms
+printf '[other]\nALARM2 = stays\n\n\n' >alarms
 [ ${#as[@]} -eq 0 ] || chown nobody alarms
 chmod 555 .
 inode=$(stat -c %i alarms)
 version=0
 expect 0 '' raise a ALARM1 long text
 holds $'[other]\nALARM2 = stays\n[a]\nALARM1 = long text'
+expect 77 '*4096 bytes*' raise a ALARM1 "$(printf '%4100s' x)"
 expect 0 '' raise a ALARM1 short
 holds $'[other]\nALARM2 = stays\n[a]\nALARM1 = short'
 expect 0 '' clear a
@@ -134,7 +141,7 @@ fullDisk() {
     head -c 4096 /dev/zero >filler
     expect 0 '' raise disk ALARM1 full
     holds $'[other]\nALARM2 = stays\n[disk]\nALARM1 = full'
-    expect 74 'pinwatchd-alarm: alarms: No space left on device' \
+    expect 74 'pinwatchd-alarm: alarms: No space left on device*4096 bytes*' \
         raise large ALARM1 "$(printf '%5000s' x)"
     holds "$before"
 }

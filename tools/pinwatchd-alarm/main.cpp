@@ -44,15 +44,22 @@ struct Options {
     bool all = false;
 };
 
+constexpr option knownOptions[] = {
+    {"file", required_argument, nullptr, 'f'}, {"wait", no_argument, nullptr, 'w'},
+    {"all", no_argument, nullptr, 'a'},        {"help", no_argument, nullptr, 'h'},
+    {"version", no_argument, nullptr, 'v'},    {nullptr, 0, nullptr, 0},
+};
+
+// Ends with `status`, or where what was printed did not arrive, with that.
+[[noreturn]] void finish(int status) {
+    if (std::fflush(stdout) != 0 || std::ferror(stdout)) err(EX_IOERR, "standard output");
+    std::exit(status);
+}
+
 // Reads options up to the next word; optind is its index then.
 void readOptions(int argc, char* argv[], Options& options) {
-    static const option known[] = {
-        {"file", required_argument, nullptr, 'f'}, {"wait", no_argument, nullptr, 'w'},
-        {"all", no_argument, nullptr, 'a'},        {"help", no_argument, nullptr, 'h'},
-        {"version", no_argument, nullptr, 'v'},    {nullptr, 0, nullptr, 0},
-    };
     for (;;) {
-        switch (getopt_long(argc, argv, "+", known, nullptr)) {
+        switch (getopt_long(argc, argv, "+", knownOptions, nullptr)) {
             case -1:
                 return;
             case 'f':
@@ -66,10 +73,10 @@ void readOptions(int argc, char* argv[], Options& options) {
                 break;
             case 'h':
                 std::fputs(help, stdout);
-                std::exit(EX_OK);
+                finish(EX_OK);
             case 'v':
                 std::puts("pinwatchd-alarm " PINWATCHD_VERSION);
-                std::exit(EX_OK);
+                finish(EX_OK);
             default:  // getopt_long has said it
                 std::exit(EX_USAGE);
         }
@@ -77,6 +84,20 @@ void readOptions(int argc, char* argv[], Options& options) {
 }
 
 [[noreturn]] void failUsage(const char* reason) { errx(EX_USAGE, "%s, see --help", reason); }
+
+// An option behind the section, perhaps cut short as getopt_long lets it be, would become text.
+void refuseOptions(const std::vector<std::string>& words) {
+    for (const std::string& word : words) {
+        const std::string option = word.substr(0, word.find('='));
+        if (option.size() <= 2) continue;
+        for (const auto& known : knownOptions) {
+            if (known.name && (std::string("--") + known.name).rfind(option, 0) == 0) {
+                errx(EX_USAGE, "%s stands before the section; behind 'raise --' it is text",
+                     option.c_str());
+            }
+        }
+    }
+}
 
 // The file that the daemon reads if it is started now.
 std::string fileOfSettings() {
@@ -148,11 +169,11 @@ SharedFile::Edit clearing(const std::vector<std::string>& words, bool all) {
 }
 
 // Locks are waited for, but not without end: a job that hangs would tell nobody.
-std::string waitedFor;
+const char* waitedFor = settingsPath;
 
 void onTimeout(int) {
     constexpr const char* reason = ": not done within 60 seconds, is it locked?\n";
-    for (const char* part : {"pinwatchd-alarm: ", waitedFor.c_str(), reason}) {
+    for (const char* part : {"pinwatchd-alarm: ", waitedFor, reason}) {
         if (write(STDERR_FILENO, part, std::strlen(part)) < 0) break;
     }
     _exit(EX_TEMPFAIL);
@@ -168,6 +189,7 @@ int main(int argc, char* argv[]) {
     const std::string command = argv[optind++];
     readOptions(argc, argv, options);
     const std::vector<std::string> words(argv + optind, argv + argc);
+    if (std::string(argv[optind - 1]) != "--") refuseOptions(words);
 
     if (command != "raise" && command != "clear" && command != "show") {
         failUsage("the command is not raise, clear or show");
@@ -180,11 +202,11 @@ int main(int argc, char* argv[]) {
     if (command == "raise") edit = raising(words);
     if (command == "clear") edit = clearing(words, options.all);
 
-    const std::string path = options.file ? options.file : fileOfSettings();
-    waitedFor = path;
     signal(SIGALRM, onTimeout);
     alarm(patienceSeconds);
-    if (command == "show") return show(path, isatty(STDOUT_FILENO) == 1);
+    static const std::string path = options.file ? options.file : fileOfSettings();
+    waitedFor = path.c_str();
+    if (command == "show") finish(show(path, isatty(STDOUT_FILENO) == 1));
     SharedFile file(path);
     if (!file.update(edit)) errx(file.status, "%s", file.problem.c_str());
     alarm(0);

@@ -20,6 +20,7 @@ constexpr mode_t groupBits = 070;
 constexpr mode_t newMode = 0666;      // of a first file, less the umask
 constexpr mode_t privateMode = 0600;  // until the old file's is set
 constexpr off_t maxSize = 16L * 1024 * 1024;
+constexpr std::size_t pageSize = 4096;  // the least of any architecture
 constexpr std::time_t pollSeconds = 2;  // within which the daemon has read what it can read
 constexpr timespec nap = {0, 100000000};
 
@@ -36,11 +37,11 @@ bool readAll(int file, std::string& text) {
     return true;
 }
 
-bool writeAll(int file, const std::string& text, std::size_t offset) {
+bool writeAll(int file, const std::string& text) {
     std::size_t length = 0;
     while (length < text.size()) {
-        const ssize_t count = pwrite(file, text.data() + length, text.size() - length,
-                                     static_cast<off_t>(offset + length));
+        const ssize_t count =
+            pwrite(file, text.data() + length, text.size() - length, static_cast<off_t>(length));
         if (count < 0) return false;
         length += static_cast<std::size_t>(count);
     }
@@ -126,10 +127,18 @@ SharedFile::Outcome SharedFile::attempt(const Edit& edit) {
 }
 
 SharedFile::Outcome SharedFile::change(int file, std::string& text, const Edit& edit) {
+    const std::string oldText = text;
+    // Blank lines at the end may be of one that was killed.
+    if (inPlace) text.resize(std::min(text.size(), text.find_last_not_of('\n') + 2));
     if (!edit(text) && exists) return Outcome::done;
     if (!inPlace) return replace(file, text);
     if (!exists) return fail(replaceError);
-    return overwrite(file, text) ? Outcome::done : fail(errno);
+    if (std::max(text.size(), oldText.size()) > pageSize) {
+        fail(replaceError);
+        problem += ", and more than the 4096 bytes that are changed in place";
+        return Outcome::failed;
+    }
+    return overwrite(file, oldText, text) ? Outcome::done : fail(errno);
 }
 
 SharedFile::Outcome SharedFile::replace(int oldFile, const std::string& text) {
@@ -163,30 +172,33 @@ bool SharedFile::fillNew(int newFile, int oldFile, const std::string& text) cons
     }
     // The file that was before the first one, if any, cannot have been newer than the clock.
     const std::time_t previous = exists ? found.st_mtim.tv_sec : std::time(nullptr);
-    return writeAll(newFile, text, 0) && setTime(newFile, nextTime(previous)) &&
-           fsync(newFile) == 0;
+    return writeAll(newFile, text) && setTime(newFile, nextTime(previous)) && fsync(newFile) == 0;
 }
 
-bool SharedFile::overwrite(int file, const std::string& text) const {
-    // The room for it comes first, as blank lines, so that a full disk leaves the old text and
-    // whoever kills this finds the file whole; what is too long ends in blank lines at first.
-    const auto oldSize = static_cast<std::size_t>(found.st_size);
-    const std::string blanks(std::max(oldSize, text.size()) - std::min(oldSize, text.size()), '\n');
-    if (text.size() > oldSize && !writeAll(file, blanks, oldSize)) {
-        const int error = errno;
-        if (ftruncate(file, found.st_size) == 0) setTime(file, found.st_mtim);
-        errno = error;
-        return false;
+bool SharedFile::overwrite(int file, const std::string& oldText, const std::string& text) const {
+    // One write within a page, which a kill does not divide. What it has too much is blank lines.
+    std::string padded = text;
+    padded.resize(std::max(text.size(), oldText.size()), '\n');
+    errno = ENOSPC;  // what a short write means
+    if (pwrite(file, padded.data(), padded.size(), 0) == static_cast<ssize_t>(padded.size()) &&
+        ftruncate(file, static_cast<off_t>(text.size())) == 0 &&
+        (setTime(file, nextTime(found.st_mtim.tv_sec)) || errno == EPERM) && fsync(file) == 0) {
+        return true;
     }
-    return writeAll(file, text.size() < oldSize ? text + blanks : text, 0) &&
-           ftruncate(file, static_cast<off_t>(text.size())) == 0 &&
-           (setTime(file, nextTime(found.st_mtim.tv_sec)) || errno == EPERM) && fsync(file) == 0;
+    const int error = errno;
+    if (writeAll(file, oldText) && ftruncate(file, found.st_size) == 0) {
+        setTime(file, found.st_mtim);
+    }
+    errno = error;
+    return false;
 }
 
 bool SharedFile::hasTimeOfItsOwn() const {
     if (!exists || !inPlace || geteuid() == 0 || geteuid() == found.st_uid) return true;
     const std::time_t now = std::time(nullptr);
-    return now > found.st_mtim.tv_sec || now > found.st_ctim.tv_sec + pollSeconds;
+    const std::time_t last = found.st_mtim.tv_sec;
+    // A time ahead of the clock has been read, or will not come before this version is.
+    return now > last || (now > found.st_ctim.tv_sec + pollSeconds && now + 1 < last);
 }
 
 bool SharedFile::isAsRead() const {

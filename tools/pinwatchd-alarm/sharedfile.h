@@ -13,9 +13,9 @@
 // access list of the old one. Meanwhile an exclusive flock on the directory, which stays the
 // same when files are renamed, keeps other changes out, and a shared one on the file those
 // publishers that write it in place; the daemon need not wait. Where the file cannot be
-// replaced, for want of rights or of room, it is written in place, and then the daemon waits.
-// Killed while it writes in place, it may leave blank lines at the end, and of a file larger than
-// a page parts of both versions.
+// replaced, for want of rights or of room, it is written in place if it fits a page, 4096 bytes,
+// and then the daemon waits. Killed meanwhile, it leaves one version or the other, the later one
+// perhaps with blank lines at the end.
 class SharedFile {
 public:
     // Changes a text; false to leave the file as it is.
@@ -48,7 +48,7 @@ private:
     Outcome change(int file, std::string& text, const Edit& edit);
     Outcome replace(int oldFile, const std::string& text);
     bool fillNew(int newFile, int oldFile, const std::string& text) const;
-    bool overwrite(int file, const std::string& text) const;
+    bool overwrite(int file, const std::string& oldText, const std::string& text) const;
     bool isAsRead() const;
     // Whether a version written in place now would get a time that the daemon does not know yet.
     // Only the file's owner can set one.
