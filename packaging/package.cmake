@@ -23,6 +23,9 @@ function(install_compressed file directory name)
 endfunction()
 
 install_program(pinwatchd opt/orvel/bin)
+install_program(pinwatchd-alarm usr/bin)
+install(FILES ${here}/pinwatchd-alarm.bash DESTINATION usr/share/bash-completion/completions
+    RENAME pinwatchd-alarm)
 install(PROGRAMS ${here}/pinwatchd-prepare DESTINATION opt/orvel/libexec)
 # For root alone: who can read settings can lock them, and a start would wait.
 install(FILES ${here}/orvel.conf DESTINATION opt/orvel/etc
@@ -37,11 +40,12 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4)
         "${service}")
 endif()
 file(WRITE ${CMAKE_BINARY_DIR}/pinwatchd.service "${service}")
-install(FILES ${CMAKE_BINARY_DIR}/pinwatchd.service DESTINATION usr/lib/systemd/system)
+install(FILES ${CMAKE_BINARY_DIR}/pinwatchd.service ${here}/pinwatchd-alarm@.service
+    DESTINATION usr/lib/systemd/system)
 install(FILES ${here}/pinwatchd.tmpfiles DESTINATION usr/lib/tmpfiles.d RENAME pinwatchd.conf)
 install(PROGRAMS ${here}/pinwatchd.init DESTINATION etc/init.d RENAME pinwatchd)
 
-foreach(page pinwatchd.8 orvel.conf.5 pinwatchd-alarms.5)
+foreach(page pinwatchd.8 pinwatchd-alarm.1 orvel.conf.5 pinwatchd-alarms.5)
     string(REGEX REPLACE ".*\\." "" section ${page})
     install_compressed(${CMAKE_SOURCE_DIR}/man/${page} usr/share/man/man${section} ${page})
 endforeach()
@@ -81,7 +85,8 @@ if(PINWATCHD_LIBFTDI1)
 else()
     set(CPACK_DEBIAN_PACKAGE_DEPENDS "libftdi1 (>= 0.20), libusb-0.1-4 (>= 2:0.1.12)")
 endif()
-set(CPACK_PINWATCHD_PROGRAMS ${CMAKE_BINARY_DIR}/pinwatchd)
+set(CPACK_PINWATCHD_PROGRAMS ${CMAKE_BINARY_DIR}/pinwatchd
+    ${CMAKE_BINARY_DIR}/tools/pinwatchd-alarm/pinwatchd-alarm)
 set(CPACK_PINWATCHD_READELF ${CMAKE_READELF})
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
     ${here}/deb/conffiles ${here}/deb/postinst ${here}/deb/prerm ${here}/deb/postrm)

@@ -25,6 +25,7 @@ noFile true
 noFile mkdir "$alarmsFile"
 noFile ln -s alarms "$alarmsFile"
 locked "$alarmsFile"
+sources 20
 settings 3 rm "$settingsFile"
 settings 0 locked "$settingsFile"
 settings 2 overlay '[CU/Params/3]\nlogdebug=2'
@@ -114,6 +115,30 @@ locked() {
     flock -u 9
     exec 9>&-
     await shown
+}
+
+# sources N: so many raise and clear alarms at once, each ten times. The alarm of another one stays at
+# the pins meanwhile, and no change is lost.
+sources() {
+    local source running='' pins
+    alarm 02 '[other]\nALARM2='
+    pins=$(tail -n 1 "$simLog")
+    for source in $(seq "$1"); do
+        for turn in 1 2 3 4 5; do
+            [ $((source % 2)) -eq 0 ] || pinwatchd-alarm raise "source $source" ALARM1 $turn
+            pinwatchd-alarm clear "source $source"
+            [ $((source % 2)) -eq 1 ] || pinwatchd-alarm raise "source $source" ALARM1 $turn
+        done &
+        running="$running $!"
+    done
+    # shellcheck disable=SC2086 # several processes
+    wait $running
+    alone expect [ "$(tail -n 1 "$simLog")" = "$pins" ]
+    pinwatchd-alarm clear other
+    mask=1
+    await shown
+    expect [ "$(pinwatchd-alarm show | grep -c '^\[source [0-9]*[02468]\]$\|^    ALARM1 5$')" -eq "$1" ]
+    expect [ "$(grep -c . "$alarmsFile")" -eq "$1" ]
 }
 
 # settings LEVEL COMMAND...: the command's settings give this debug level.

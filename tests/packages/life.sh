@@ -92,6 +92,18 @@ withSystemd() {
     systemctl stop pinwatchd
     [ "$(systemctl show -P Result -P ExecMainStatus pinwatchd | xargs)" = "success 0" ] || fail "orderly stop"
     systemctl start pinwatchd
+    pinwatchd-alarm clear --all
+    waitFor "all cleared" pins 03
+    printf '%s\n' '[Unit]' 'OnFailure=pinwatchd-alarm@%n.service' '[Service]' Type=oneshot User=nobody \
+        'ExecStart=test -e /trial/good' 'ExecStartPost=-+/usr/bin/pinwatchd-alarm clear %n' \
+        >/run/systemd/system/my-job.service
+    systemctl start my-job
+    waitFor "the alarm of a unit that failed" pins 01
+    expect "its name" grep -qx '\[my-job.service\]' /run/orvel/alarms
+    touch /trial/good
+    systemctl start my-job
+    waitFor "cleared at its next success" pins 03
+    raise ALARM1 /run/orvel/alarms 01
 }
 
 withSysvinit() {

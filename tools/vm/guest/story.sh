@@ -67,8 +67,10 @@ fi
 mkdir -p "$dataDir"
 cat <<EOF
 Try, for example:
+    pinwatchd-alarm raise door    write $alarmsFile
+    pinwatchd-alarm clear door
     publishAlarm '[door]
-    ALARM1=1'                write $alarmsFile
+    ALARM1=1'                the same, as a program of its own may do it
     sim unplug 0             take the unit off; sim plug 0 brings it back
     sim stall 0 0b           let the unit refuse writes; sim stall 0 none ends that
     stopDaemon               end the daemon; startDaemon starts it again
