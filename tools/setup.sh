@@ -80,7 +80,7 @@ trap 'interrupted 129' HUP
 trap 'interrupted 130' INT
 trap 'interrupted 143' TERM
 
-# waitForLock DESCRIPTOR
+# waitForLock DESCRIPTOR: until no other command holds it.
 waitForLock() {
     if ! flock -n "$1"; then
         echo "==> waiting for another command that builds here"
@@ -88,18 +88,23 @@ waitForLock() {
     fi
 }
 
+# lockBuild: for what two commands must not do at once in one clone; closing 8 ends it.
+lockBuild() {
+    exec 8>build/lock
+    giveToOwner build/lock
+    waitForLock 8
+}
+
 # quietly TITLE COMMAND...: says what is done and how long it took; shows the output if it fails.
-# Two commands that build in one clone wait for one another here.
 quietly() {
     local log began=$SECONDS
     step=$1
     log=build/logs/${1//[^A-Za-z0-9]/-}.log
     shift
     mkdir -p build/logs
-    exec 8>build/lock
     touch "$log"
-    giveToOwner build build/logs build/lock "$log"
-    waitForLock 8
+    giveToOwner build build/logs "$log"
+    lockBuild
     printf '==> %s\n' "$step"
     launch "$@" >"$log" 2>&1 8>&-
     if ! finish; then
@@ -112,9 +117,18 @@ quietly() {
     [ $((SECONDS - began)) -lt 2 ] || printf '    done in %d s\n' $((SECONDS - began))
 }
 
-# installPackages PURPOSE...: what these need and the machine lacks.
+# missingPackages PURPOSE...: prints what these need and the machine lacks.
+missingPackages() {
+    local package
+    for package in $(packagesFor "$@"); do
+        [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
+            echo "$package"
+    done
+}
+
+# installPackages PURPOSE...
 installPackages() {
-    local package missing=() as_root=() log=build/logs/install.log began=$SECONDS
+    local missing as_root=() log=build/logs/install.log began=$SECONDS
     if ! mkdir -p build/logs 2>/dev/null || [ ! -w build/logs ]; then
         echo "cannot write in $PWD/build, which belongs to $(stat -c %U "$([ -d build ] && echo build || echo .)")" >&2
         exit 1
@@ -125,10 +139,7 @@ installPackages() {
         echo "no apt-get here: this works on Debian 12 and 13" >&2
         exit 1
     fi
-    for package in $(packagesFor "$@"); do
-        [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
-            missing+=("$package")
-    done
+    mapfile -t missing < <(missingPackages "$@")
     [ "${#missing[@]}" -gt 0 ] || return 0
     if [ "$(id -u)" -ne 0 ]; then
         if ! command -v sudo >/dev/null; then
@@ -138,14 +149,23 @@ installPackages() {
         as_root=(sudo)
     fi
     as_root+=(env DEBIAN_FRONTEND=noninteractive LC_ALL=C)
-    local install=(apt-get -q install --no-install-recommends "${missing[@]}")
+    lockBuild
+    # Another command may have installed them meanwhile.
+    mapfile -t missing < <(missingPackages "$@")
+    [ "${#missing[@]}" -eq 0 ] || installMissing
+    exec 8>&-
+}
+
+installMissing() {
+    # Where the machine itself installs something, apt waits for it.
+    local install=(apt-get -q -o DPkg::Lock::Timeout=600 install --no-install-recommends "${missing[@]}")
     step="installing packages"
     printf '==> %s: %s\n' "$step" "${missing[*]}"
     # One index that fails does no harm; whether the packages can be had, the next step shows.
-    "${as_root[@]}" apt-get -q update >"$log" 2>&1 || true
-    "${as_root[@]}" "${install[@]}" --assume-no 2>/dev/null |
+    "${as_root[@]}" apt-get -q update >"$log" 2>&1 8>&- || true
+    "${as_root[@]}" "${install[@]}" --assume-no 2>/dev/null 8>&- |
         sed -n '/^Need to get\|^After this/s/^/    /p'
-    if ! "${as_root[@]}" "${install[@]}" -y >>"$log" 2>&1; then
+    if ! "${as_root[@]}" "${install[@]}" -y >>"$log" 2>&1 8>&-; then
         echo "cannot install ${missing[*]} from this machine's package sources (/etc/apt);" \
             "apt's output is in $log" >&2
         exit 1
