@@ -31,7 +31,8 @@ publishAlarm "ALARM1="
 expectPins 0 01
 sleep 4
 echo 0 >$tracing/tracing_on
-sed -n 's/^ *pinwatchd-/trace pinwatchd-/p' $tracing/trace
+# libusb 1.0 has a thread of its own name.
+sed -n 's/^ *\(pinwatchd\|libusb_event\)-/trace &/p' $tracing/trace
 
 earlyoom --dryrun -r 0 >/dev/null 2>&1 &
 waitFor 5 test -r "/proc/$!/smaps"

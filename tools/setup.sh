@@ -9,10 +9,10 @@ packagesFor() {
     ! grep -q '^VERSION_ID="12"' /etc/os-release || clang=14
     for purpose; do
         case $purpose in
-        build)
-            echo g++ g++-i686-linux-gnu cmake ninja-build googletest
-            echo libftdi-dev libusb-dev libftdi1-dev libusb-1.0-0-dev
-            ;;
+        build | libftdi1)
+            echo g++ g++-i686-linux-gnu cmake ninja-build googletest libftdi1-dev libusb-1.0-0-dev
+            ;;&
+        build) echo libftdi-dev libusb-dev ;;
         vm) echo qemu-system-x86 cpio xz-utils ;;
         documents) echo gettext mandoc python3 ;;
         lifecycle) echo debootstrap lintian systemd ;;
