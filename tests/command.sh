@@ -80,9 +80,10 @@ holds ''
 ln -s alarms link
 mkfifo fifo
 printf 'ALARM1=\0' >nul
-for file in "$PWD" fifo link none/alarms nul; do
+for file in "$PWD" fifo link none/alarms nul ''; do
     expect '6[56]' 'pinwatchd-alarm: *' raise a
 done
+expect 66 'pinwatchd-alarm: *' show
 file=alarms
 
 # Root replaces the file, and owner, mode and access list stay (here: user 12345 may write).
@@ -119,16 +120,26 @@ chmod 444 alarms
 expect 77 'pinwatchd-alarm: alarms: Permission denied' raise a
 holds "$before"
 chmod 644 alarms
-# In place nobody may read meanwhile; replaced, nobody else may write meanwhile.
+chmod 600 .
+expect 77 'pinwatchd-alarm: alarms: Permission denied' show
+chmod 555 .
+# In place nobody may read meanwhile; replaced, nobody else may write meanwhile. What it says when
+# it gives up does not land in the file, though standard error is closed.
 isHeldUp() {
     local status=0
-    flock "$1" alarms timeout 1 "${as[@]}" "$program" --file alarms raise a || status=$?
+    # shellcheck disable=SC2016 # for the inner shell
+    flock "$1" alarms timeout -s ALRM 1 bash -c 'exec "$@" <&- >&- 2>&-' - \
+        "${as[@]}" "$program" --file alarms raise a || status=$?
     [ "$status" -eq 124 ] || fail "does not wait for a lock: flock $1"
 }
 isHeldUp -s
 chmod 755 .
 as=()
 isHeldUp -x
+(
+    ulimit -f 0
+    expect 74 'pinwatchd-alarm: alarms: File too large' raise a
+)
 holds "$before"
 flock -s alarms "$program" --file alarms raise a
 

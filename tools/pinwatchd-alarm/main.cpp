@@ -1,4 +1,5 @@
 #include <err.h>
+#include <fcntl.h>
 #include <getopt.h>
 #include <strings.h>
 #include <sysexits.h>
@@ -183,6 +184,9 @@ void onTimeout(int) {
 
 int main(int argc, char* argv[]) {
     argv[0] = program_invocation_short_name;
+    // The number of a closed standard stream, given to the alarms file, would put messages in it.
+    for (int file = 0; file >= 0 && file <= STDERR_FILENO;) file = open("/", O_PATH | O_CLOEXEC);
+    signal(SIGXFSZ, SIG_IGN);  // an error of the write instead
     Options options;
     readOptions(argc, argv, options);
     if (optind >= argc) failUsage("nothing to do");

@@ -51,9 +51,9 @@ std::string printable(std::string text) {
 }
 
 int show(const std::string& path, bool terminal) {
+    IniFile alarms("");
     struct stat status = {};
     const bool exists = stat(path.c_str(), &status) == 0;
-    IniFile alarms("");
     // What is no file could make the reader wait without end.
     if (exists && !S_ISREG(status.st_mode)) {
         warnx("%s: is not a regular file", path.c_str());
@@ -62,7 +62,8 @@ int show(const std::string& path, bool terminal) {
     // A missing file is a state of its own, a missing directory a mistake.
     const std::string folder = path.substr(0, path.rfind('/') + 1);
     if (exists ? !alarms.load(path)
-               : errno != ENOENT || (!folder.empty() && access(folder.c_str(), F_OK) != 0)) {
+               : errno != ENOENT || path.empty() ||
+                     (!folder.empty() && access(folder.c_str(), F_OK) != 0)) {
         warn("%s", path.c_str());
         return errno == EACCES ? EX_NOPERM : EX_NOINPUT;
     }
