@@ -2,21 +2,32 @@
 # Completion of pinwatchd-alarm for bash: commands, options, and the sections that have an alarm.
 
 _pinwatchd_alarm() {
-    local word=$2 index file=() words=() section
-    if [ "$3" = --file ]; then
-        compopt -o filenames
-        mapfile -t COMPREPLY < <(compgen -f -- "$word")
-        return
-    fi
-    for ((index = 1; index < COMP_CWORD; ++index)); do
-        case ${COMP_WORDS[index]} in
-        --file) file=(--file "${COMP_WORDS[++index]}") ;;
+    local part index line=() file=() words=() section
+    # Bash divides words at ":" and "=" as well.
+    for part in "${COMP_WORDS[@]:0:COMP_CWORD+1}"; do
+        if [[ ${#line[@]} -gt 1 && ($part = [:=]* || ${line[-1]} = *[:=]) ]]; then
+            line[-1]+=$part
+        else
+            line+=("$part")
+        fi
+    done
+    local word=${line[-1]} options="--file --wait --all --help --version"
+    for ((index = 1; index < ${#line[@]} - 1; ++index)); do
+        case ${line[index]} in
+        --file) file=(--file "${line[++index]}") ;;
+        --file=*) file=("${line[index]}") ;;
+        --) options= ;;
         -*) ;;
-        *) words+=("${COMP_WORDS[index]}") ;;
+        *) words+=("${line[index]}") ;;
         esac
     done
-    if [[ $word = -* ]] && [ ${#words[@]} -lt 2 ]; then
-        mapfile -t COMPREPLY < <(compgen -W "--file --wait --all --help --version" -- "$word")
+    if [[ ${line[-2]} = --file || $word = --file=* ]]; then
+        compopt -o filenames
+        mapfile -t COMPREPLY < <(compgen -f -- "${word#--file=}")
+        return
+    fi
+    if [[ $options && $word = -* ]] && [ ${#words[@]} -lt 2 ]; then
+        mapfile -t COMPREPLY < <(compgen -W "$options" -- "$word")
     elif [ ${#words[@]} -eq 0 ]; then
         mapfile -t COMPREPLY < <(compgen -W "raise clear show" -- "$word")
     elif [ "${words[0]}" = show ]; then
@@ -24,10 +35,14 @@ _pinwatchd_alarm() {
     elif [ ${#words[@]} -eq 2 ]; then
         mapfile -t COMPREPLY < <(compgen -W "ALARM1 ALARM2" -- "${word^^}")
     elif [ ${#words[@]} -eq 1 ]; then
-        while read -r section; do
+        local quote="" before=${word%"${word##*[:=]}"}
+        # In quotes a section stands as it is, and is not divided.
+        [[ $word != [\"\']* ]] || quote=${word:0:1} before=
+        while IFS= read -r section; do
             section=${section#[} section=${section%]}
-            [[ $section != "$word"* ]] || COMPREPLY+=("$(printf %q "$section")")
-        done < <(pinwatchd-alarm "${file[@]}" show 2>/dev/null | grep '^\[')
+            if [ "$quote" ]; then section=$quote$section; else printf -v section %q "$section"; fi
+            [[ $section != "$word"* ]] || COMPREPLY+=("${section#"$before"}")
+        done < <(timeout 2 pinwatchd-alarm "${file[@]}" show 2>/dev/null | grep '^\[')
     fi
 }
 complete -F _pinwatchd_alarm pinwatchd-alarm

@@ -3,6 +3,7 @@
 # may be at the file meanwhile.
 set -eu
 program=$(realpath "$1")
+completion=$(realpath "$(dirname "$0")/../packaging/pinwatchd-alarm.bash")
 folder=$(mktemp -d)
 trap 'chmod -R u+rwx "$folder"; rm -rf "$folder"' EXIT
 chmod 755 "$folder"
@@ -56,9 +57,9 @@ expect 0 '' raise backup -1
 expect 0 '' raise -- backup --help
 holds $'[backup]\nALARM1 = --help'
 expect 0 '' raise backup -1
-expect 0 '' raise boiler ALARM2 $'too \t hot'
-holds $'[backup]\nALARM1 = -1\n[boiler]\nALARM2 = too \t hot'
-expect 2 $'*ALARM2 too ? hot\nCBUS0 low  CBUS1 high  ALARM2*' show
+expect 0 '' raise boiler ALARM2 $'too \t hot\xc2\x9b'
+holds $'[backup]\nALARM1 = -1\n[boiler]\nALARM2 = too \t hot\xc2\x9b'
+expect 2 $'*ALARM2 too ? hot[?]\nCBUS0 low  CBUS1 high  ALARM2*' show
 expect 0 '' clear boiler ALARM1
 holds "$before"
 expect 0 '' clear backup
@@ -75,6 +76,25 @@ holds ''
 
 [ "$("$program" --file alarms show 2>&1 >/dev/full)" = \
     "pinwatchd-alarm: standard output: No space left on device" ] || fail "a full disk is not told of"
+
+# completes REPLIES WORD...: what the last word is completed to; bash divides at ":" and "=".
+completes() {
+    COMP_WORDS=(pinwatchd-alarm "${@:2}") COMP_CWORD=$(($# - 1)) COMPREPLY=()
+    PATH=$(dirname "$program"):$PATH _pinwatchd_alarm
+    [ "${COMPREPLY[*]}" = "$1" ] || fail "${*:2} is completed to '${COMPREPLY[*]}', not '$1'"
+}
+# shellcheck source=packaging/pinwatchd-alarm.bash
+. "$completion"
+expect 0 '' raise 'back up'
+expect 0 '' raise a:b
+completes 'raise clear show' ''
+completes '--wait' --file alarms raise --w
+completes 'a:b back\ up' --file alarms clear ''
+completes 'back\ up' --file = alarms clear 'back\ '
+completes '"back up' --file alarms clear '"b'
+completes 'b' --file alarms raise a :
+completes 'ALARM1 ALARM2' raise a : b a
+expect 0 '' clear --all
 
 # What is no file of text stays as it is.
 ln -s alarms link

@@ -44,8 +44,12 @@ void printOutputs(AlarmMask mask, bool terminal) {
 }  // namespace
 
 std::string printable(std::string text) {
-    for (char& c : text) {
-        if ((c >= 0 && c < ' ') || c == '\x7f') c = '?';
+    for (std::size_t index = 0; index < text.size(); ++index) {
+        const auto byte = static_cast<unsigned char>(text[index]);
+        // UTF-8 has further ones in two bytes, C2 80 to C2 9F.
+        const bool isSecond = index > 0 && text[index - 1] == '\xc2' && byte >= 0x80 && byte < 0xa0;
+        if (isSecond) text.erase(--index, 1);
+        if (isSecond || byte < ' ' || byte == 0x7f) text[index] = '?';
     }
     return text;
 }
