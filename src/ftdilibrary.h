@@ -17,6 +17,9 @@ int initLibrary(ftdi_context& ftdi);
 // ftdi_usb_find_all, of what is attached now. Only while no unit is open.
 int listDevices(ftdi_context& ftdi, ftdi_device_list** list, int vendorId, int productId);
 
+// ftdi_usb_open_dev. A failure leaves nothing open.
+int openUnit(ftdi_context& ftdi, UsbDevice* dev);
+
 // The device's release number, bcdDevice of its descriptor.
 unsigned deviceRelease(UsbDevice* dev);
 

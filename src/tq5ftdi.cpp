@@ -150,7 +150,7 @@ bool TQ5Ftdi::checkProduct(UsbDevice* dev) {
 bool TQ5Ftdi::openDevice(UsbDevice* dev) {
     // Looked for before the opening: a unit that leaves during it must be noticed as well.
     deviceNode = findDeviceNode(dev);
-    if (ftdi_usb_open_dev(&ftdi, dev) < 0) {
+    if (openUnit(ftdi, dev) < 0) {
         logError(tr("unable to open ftdi device: %s"), ftdi_get_error_string(&ftdi));
         return false;
     }

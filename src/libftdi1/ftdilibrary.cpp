@@ -47,12 +47,20 @@ int listDevices(ftdi_context& ftdi, ftdi_device_list** list, int vendorId, int p
     const SignalsBlocked blocked;
     endContext(ftdi);
     // Without a buffer initLibrary has failed, as it does before the kernel's USB is there.
-    if ((ftdi.readbuffer ? libusb_init(&ftdi.usb_ctx) : ftdi_init(&ftdi)) != 0) {
-        ftdi.usb_ctx = nullptr;
+    if (!ftdi.readbuffer && initLibrary(ftdi) < 0) return -1;
+    if (libusb_init(&ftdi.usb_ctx) != 0) {
         ftdi.error_str = "libusb_init() failed";
         return -1;
     }
     return ftdi_usb_find_all(&ftdi, list, vendorId, productId);
+}
+
+// libftdi1 keeps open what it cannot learn the configuration of, as of a unit that leaves just
+// then.
+int openUnit(ftdi_context& ftdi, UsbDevice* dev) {
+    const int result = ftdi_usb_open_dev(&ftdi, dev);
+    if (result < 0 && ftdi.usb_dev) ftdi_usb_close(&ftdi);
+    return result;
 }
 
 unsigned deviceRelease(UsbDevice* dev) {

@@ -201,7 +201,9 @@ int ftdi_usb_get_strings(ftdi_context*, ListedDevice* dev, char* manufacturer, i
 int ftdi_usb_open_dev(ftdi_context* context, ListedDevice* dev) {
     world.add("open %s", dev->filename);
     const int result = world.result("open");
-    if (result == 0) context->usb_dev = reinterpret_cast<decltype(context->usb_dev)>(dev);
+    // With libftdi1's -12 it stays open.
+    if (result == 0 || result == -12)
+        context->usb_dev = reinterpret_cast<decltype(context->usb_dev)>(dev);
     return result;
 }
 

@@ -41,6 +41,16 @@ TEST_F(LibraryTest, InitialisesAnewWhatFailedEarlyAtBoot) {
     EXPECT_TRUE(unit.openBySearch());
 }
 
+TEST_F(LibraryTest, ClosesWhatLeftDuringTheOpening) {
+    world.attach("004");
+    world.results["open"] = {-12};
+    TQ5Ftdi unit;
+    EXPECT_FALSE(unit.openBySearch());
+    EXPECT_EQ(world.take(),
+              "find_all 0403:6001|open 004|usb_close|"
+              "<3>unable to open ftdi device: reason|");
+}
+
 }  // namespace
 
 extern "C" {
