@@ -104,6 +104,9 @@ for file in "$PWD" fifo link none/alarms nul ''; do
     expect '6[56]' 'pinwatchd-alarm: *' raise a
 done
 expect 66 'pinwatchd-alarm: *' show
+head -c 1048570 /dev/zero | tr '\0' ';' >large
+file=large
+expect 74 'pinwatchd-alarm: large: File too large' raise a
 file=alarms
 
 # Root replaces the file, and owner, mode and access list stay (here: user 12345 may write).

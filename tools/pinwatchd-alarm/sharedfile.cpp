@@ -17,11 +17,11 @@ constexpr const char* newSuffix = ".pinwatchd-alarm";
 constexpr const char* accessList = "system.posix_acl_access";
 constexpr mode_t modeBits = 0777;
 constexpr mode_t groupBits = 070;
-constexpr mode_t newMode = 0666;      // of a first file, less the umask
-constexpr mode_t privateMode = 0600;  // until the old file's is set
-constexpr off_t maxSize = 16L * 1024 * 1024;
-constexpr std::size_t pageSize = 4096;  // the least of any architecture
-constexpr std::time_t pollSeconds = 2;  // within which the daemon has read what it can read
+constexpr mode_t newMode = 0666;              // of a first file, less the umask
+constexpr mode_t privateMode = 0600;          // until the old file's is set
+constexpr std::size_t maxSize = 1024 * 1024;  // the daemon's memory is limited as well
+constexpr std::size_t pageSize = 4096;        // the least of any architecture
+constexpr std::time_t pollSeconds = 2;        // within which the daemon has read what it can read
 constexpr timespec nap = {0, 100000000};
 
 bool readAll(int file, std::string& text) {
@@ -102,7 +102,7 @@ SharedFile::Outcome SharedFile::attempt(const Edit& edit) {
     if (!exists && (errno != ENOENT || name.empty())) return fail(errno);
     if (S_ISLNK(found.st_mode)) return fail("is a symbolic link", EX_NOINPUT);
     if (exists && !S_ISREG(found.st_mode)) return fail("is not a regular file", EX_NOINPUT);
-    if (found.st_size > maxSize) return fail(EFBIG);
+    if (found.st_size > static_cast<off_t>(maxSize)) return fail(EFBIG);
     if (!hasTimeOfItsOwn()) {
         nanosleep(&nap, nullptr);
         return Outcome::repeat;
@@ -131,6 +131,7 @@ SharedFile::Outcome SharedFile::change(int file, std::string& text, const Edit& 
     // Blank lines at the end may be of one that was killed.
     if (inPlace) text.resize(std::min(text.size(), text.find_last_not_of('\n') + 2));
     if (!edit(text) && exists) return Outcome::done;
+    if (text.size() > maxSize) return fail(EFBIG);
     if (!inPlace) return replace(file, text);
     if (!exists) return fail(replaceError);
     if (std::max(text.size(), oldText.size()) > pageSize) {
