@@ -59,7 +59,11 @@ int listDevices(ftdi_context& ftdi, ftdi_device_list** list, int vendorId, int p
 // then.
 int openUnit(ftdi_context& ftdi, UsbDevice* dev) {
     const int result = ftdi_usb_open_dev(&ftdi, dev);
-    if (result < 0 && ftdi.usb_dev) ftdi_usb_close(&ftdi);
+    if (result < 0 && ftdi.usb_dev) {
+        const char* const reason = ftdi.error_str;
+        ftdi_usb_close(&ftdi);  // has reasons of its own
+        ftdi.error_str = reason;
+    }
     return result;
 }
 
