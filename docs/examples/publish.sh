@@ -4,6 +4,7 @@
 #   printf '[door]\nALARM1=open\n' | ./publish.sh /run/orvel/alarms
 set -eu
 
+[ "${1:-}" != --help ] || set --
 file=${1:?usage: publish.sh FILE}
 text=$(cat)
 
