@@ -75,6 +75,7 @@ AlarmDaemon::Step AlarmDaemon::serveUnit(UeventMonitor& monitor) {
             }
         }
 
+        device.forgetComings();
         // Also after a failed write: this paces the retries and notices a removal meanwhile.
         bool removed = monitor.checkRemoved(device.nodePath) && !monitor.added;
         if (!removed) {

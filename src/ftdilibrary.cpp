@@ -12,6 +12,10 @@ int listDevices(ftdi_context& ftdi, ftdi_device_list** list, int vendorId, int p
     return ftdi_usb_find_all(&ftdi, list, vendorId, productId);
 }
 
+void endListing(ftdi_context&) {}
+
+void forgetComings(ftdi_context&) {}
+
 int openUnit(ftdi_context& ftdi, UsbDevice* dev) { return ftdi_usb_open_dev(&ftdi, dev); }
 
 unsigned deviceRelease(UsbDevice* dev) { return dev->descriptor.bcdDevice; }

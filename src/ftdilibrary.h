@@ -17,6 +17,12 @@ int initLibrary(ftdi_context& ftdi);
 // ftdi_usb_find_all, of what is attached now. Only while no unit is open.
 int listDevices(ftdi_context& ftdi, ftdi_device_list** list, int vendorId, int productId);
 
+// Ends what listDevices began. Only while no unit is open, and after the list is freed.
+void endListing(ftdi_context& ftdi);
+
+// While a unit is open libusb 1.0 notes what comes and goes, and forgets it here only.
+void forgetComings(ftdi_context& ftdi);
+
 // ftdi_usb_open_dev. A failure leaves nothing open.
 int openUnit(ftdi_context& ftdi, UsbDevice* dev);
 

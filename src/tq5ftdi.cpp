@@ -113,6 +113,7 @@ bool TQ5Ftdi::openListed(const std::string* path, bool newcomersOnly) {
         }
     }
     if (list) ftdi_list_free(&list);
+    if (!opened) endListing(ftdi);
     return opened;
 }
 
@@ -183,6 +184,8 @@ void TQ5Ftdi::closeDevice(bool reset) {
     deviceNode.clear();
 }
 
+void TQ5Ftdi::forgetComings() { ::forgetComings(ftdi); }
+
 bool TQ5Ftdi::isGone() const {
     if (deviceNode.empty() || access(deviceNode.c_str(), F_OK) == 0 || errno != ENOENT)
         return false;
@@ -215,4 +218,5 @@ bool TQ5Ftdi::setPins(std::uint8_t value) {
 void TQ5Ftdi::close() {
     logInfo(tr("close FTDI device '%s' (%s)"), description.c_str(), nodePath.c_str());
     closeDevice(false);
+    endListing(ftdi);
 }

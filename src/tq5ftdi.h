@@ -50,6 +50,9 @@ public:
     // Leaves bit-bang mode and closes the unit; without one only the message is logged.
     void close();
 
+    // To be called now and then while a unit is open: the library may note all that comes and goes.
+    void forgetComings();
+
     // True when the open unit's device node below /dev/bus/usb (/proc/bus/usb on older systems)
     // was there at the opening and no longer is. Where there was none nothing can be told.
     bool isGone() const;

@@ -25,11 +25,6 @@ public:
     ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
 };
 
-void endContext(ftdi_context& ftdi) {
-    if (ftdi.usb_ctx) libusb_exit(ftdi.usb_ctx);
-    ftdi.usb_ctx = nullptr;
-}
-
 }  // namespace
 
 // The first netlink socket of a process gets the process's ID as its address, which the daemon's
@@ -37,7 +32,7 @@ void endContext(ftdi_context& ftdi) {
 int initLibrary(ftdi_context& ftdi) {
     const SignalsBlocked blocked;
     const int result = ftdi_init(&ftdi);
-    endContext(ftdi);
+    endListing(ftdi);
     return result;
 }
 
@@ -45,7 +40,6 @@ int initLibrary(ftdi_context& ftdi) {
 // and without udevd never. A new context looks at what the kernel has.
 int listDevices(ftdi_context& ftdi, ftdi_device_list** list, int vendorId, int productId) {
     const SignalsBlocked blocked;
-    endContext(ftdi);
     // Without a buffer initLibrary has failed, as it does before the kernel's USB is there.
     if (!ftdi.readbuffer && initLibrary(ftdi) < 0) return -1;
     if (libusb_init(&ftdi.usb_ctx) != 0) {
@@ -53,6 +47,16 @@ int listDevices(ftdi_context& ftdi, ftdi_device_list** list, int vendorId, int p
         return -1;
     }
     return ftdi_usb_find_all(&ftdi, list, vendorId, productId);
+}
+
+void endListing(ftdi_context& ftdi) {
+    if (ftdi.usb_ctx) libusb_exit(ftdi.usb_ctx);
+    ftdi.usb_ctx = nullptr;
+}
+
+void forgetComings(ftdi_context& ftdi) {
+    timeval noWait = {};
+    libusb_handle_events_timeout_completed(ftdi.usb_ctx, &noWait, nullptr);
 }
 
 // libftdi1 keeps open what it cannot learn the configuration of, as of a unit that leaves just

@@ -22,6 +22,7 @@ TEST_F(LibraryTest, LooksAnewAtEachSearch) {
     TQ5Ftdi unit;
     contexts = 0;
     EXPECT_FALSE(unit.openBySearch());
+    EXPECT_EQ(contexts, 0);
     EXPECT_TRUE(takesStopSignals());
     world.attach("004");
     world.results["libusb_init"] = {-1, 0};
@@ -31,6 +32,8 @@ TEST_F(LibraryTest, LooksAnewAtEachSearch) {
     EXPECT_EQ(world.take(), "<3>ftdi_usb_find_all failed: reason|");
     EXPECT_TRUE(unit.openBySearch());
     EXPECT_EQ(contexts, 1);
+    unit.close();
+    EXPECT_EQ(contexts, 0);
 }
 
 TEST_F(LibraryTest, InitialisesAnewWhatFailedEarlyAtBoot) {
@@ -65,6 +68,11 @@ int libusb_init(libusb_context** context) {
 }
 
 void libusb_exit(libusb_context*) { --contexts; }
+
+int libusb_handle_events_timeout_completed(libusb_context* context, timeval* limit, int*) {
+    EXPECT_TRUE(context);
+    return static_cast<int>(limit->tv_sec + limit->tv_usec);
+}
 
 int libusb_get_device_descriptor(libusb_device* dev, libusb_device_descriptor* descriptor) {
     *descriptor = dev->descriptor;
