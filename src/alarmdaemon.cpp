@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <utility>
 
 #include "alarmmask.h"
 #include "daemonstate.h"
@@ -75,7 +76,7 @@ AlarmDaemon::Step AlarmDaemon::serveUnit(UeventMonitor& monitor) {
             }
         }
 
-        device.forgetComings();
+        if (std::exchange(monitor.heard, false)) device.forgetComings();
         // Also after a failed write: this paces the retries and notices a removal meanwhile.
         bool removed = monitor.checkRemoved(device.nodePath) && !monitor.added;
         if (!removed) {

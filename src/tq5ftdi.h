@@ -50,7 +50,7 @@ public:
     // Leaves bit-bang mode and closes the unit; without one only the message is logged.
     void close();
 
-    // To be called now and then while a unit is open: the library may note all that comes and goes.
+    // To be called after hot-plug events while a unit is open: the library may note them all.
     void forgetComings();
 
     // True when the open unit's device node below /dev/bus/usb (/proc/bus/usb on older systems)

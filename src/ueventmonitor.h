@@ -37,6 +37,9 @@ public:
     // clears it once it has looked.
     bool missed = false;
 
+    // Something was received. The caller clears it.
+    bool heard = false;
+
     // Opens the socket; a failure is logged and leaves the monitor without one for good.
     UeventMonitor();
     UeventMonitor(const UeventMonitor&) = delete;
