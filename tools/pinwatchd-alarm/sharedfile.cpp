@@ -17,11 +17,11 @@ constexpr const char* newSuffix = ".pinwatchd-alarm";
 constexpr const char* accessList = "system.posix_acl_access";
 constexpr mode_t modeBits = 0777;
 constexpr mode_t groupBits = 070;
-constexpr mode_t newMode = 0666;              // of a first file, less the umask
-constexpr mode_t privateMode = 0600;          // until the old file's is set
-constexpr std::size_t maxSize = 1024 * 1024;  // the daemon's memory is limited as well
-constexpr std::size_t pageSize = 4096;        // the least of any architecture
-constexpr std::time_t pollSeconds = 2;        // within which the daemon has read what it can read
+constexpr mode_t newMode = 0666;                           // of a first file, less the umask
+constexpr mode_t privateMode = 0600;                       // until the old file's is set
+constexpr std::size_t maxSize = std::size_t{1024} * 1024;  // the daemon's memory is limited as well
+constexpr std::size_t pageSize = 4096;                     // the least of any architecture
+constexpr std::time_t pollSeconds = 2;  // within which the daemon has read what it can read
 constexpr timespec nap = {0, 100000000};
 
 bool readAll(int file, std::string& text) {
