@@ -76,7 +76,7 @@ AlarmDaemon::Step AlarmDaemon::serveUnit(UeventMonitor& monitor) {
             }
         }
 
-        if (std::exchange(monitor.heard, false)) device.forgetComings();
+        if (std::exchange(monitor.received, false)) device.handleLibraryEvents();
         // Also after a failed write: this paces the retries and notices a removal meanwhile.
         bool removed = monitor.checkRemoved(device.nodePath) && !monitor.added;
         if (!removed) {

@@ -14,7 +14,7 @@ int listDevices(ftdi_context& ftdi, ftdi_device_list** list, int vendorId, int p
 
 void endListing(ftdi_context&) {}
 
-void forgetComings(ftdi_context&) {}
+void handleEvents(ftdi_context&) {}
 
 int openUnit(ftdi_context& ftdi, UsbDevice* dev) { return ftdi_usb_open_dev(&ftdi, dev); }
 

@@ -20,8 +20,9 @@ int listDevices(ftdi_context& ftdi, ftdi_device_list** list, int vendorId, int p
 // Ends what listDevices began. Only while no unit is open, and after the list is freed.
 void endListing(ftdi_context& ftdi);
 
-// While a unit is open libusb 1.0 notes what comes and goes, and forgets it here only.
-void forgetComings(ftdi_context& ftdi);
+// Handles what libusb 1.0 has noted of devices that came or went, and keeps until then. Only while
+// a unit is open.
+void handleEvents(ftdi_context& ftdi);
 
 // ftdi_usb_open_dev. A failure leaves nothing open.
 int openUnit(ftdi_context& ftdi, UsbDevice* dev);

@@ -184,7 +184,7 @@ void TQ5Ftdi::closeDevice(bool reset) {
     deviceNode.clear();
 }
 
-void TQ5Ftdi::forgetComings() { ::forgetComings(ftdi); }
+void TQ5Ftdi::handleLibraryEvents() { handleEvents(ftdi); }
 
 bool TQ5Ftdi::isGone() const {
     if (deviceNode.empty() || access(deviceNode.c_str(), F_OK) == 0 || errno != ENOENT)

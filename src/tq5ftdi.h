@@ -50,8 +50,9 @@ public:
     // Leaves bit-bang mode and closes the unit; without one only the message is logged.
     void close();
 
-    // To be called after hot-plug events while a unit is open: the library may note them all.
-    void forgetComings();
+    // Lets the library handle hot-plug events of its own, which it keeps until then. To be called
+    // after each event of the kernel, while a unit is open.
+    void handleLibraryEvents();
 
     // True when the open unit's device node below /dev/bus/usb (/proc/bus/usb on older systems)
     // was there at the opening and no longer is. Where there was none nothing can be told.

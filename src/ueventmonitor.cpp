@@ -191,7 +191,7 @@ bool UeventMonitor::waitReadable(const timespec* limit) const {
 std::string UeventMonitor::receive() {
     char datagram[datagramSize] = {};
     const ssize_t length = recv(fd, datagram, datagramSize, 0);
-    heard = true;
+    received = true;
     // ENOBUFS is reported once for all that is dropped until the queue is empty (netlink(7)).
     if (length < 0 && errno == ENOBUFS) missed = true;
     return length > 0 ? std::string(datagram, static_cast<std::size_t>(length)) : std::string();

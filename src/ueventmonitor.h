@@ -37,8 +37,8 @@ public:
     // clears it once it has looked.
     bool missed = false;
 
-    // Something was received. The caller clears it.
-    bool heard = false;
+    // Something came at the socket. The caller clears it.
+    bool received = false;
 
     // Opens the socket; a failure is logged and leaves the monitor without one for good.
     UeventMonitor();

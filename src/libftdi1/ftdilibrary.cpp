@@ -54,7 +54,7 @@ void endListing(ftdi_context& ftdi) {
     ftdi.usb_ctx = nullptr;
 }
 
-void forgetComings(ftdi_context& ftdi) {
+void handleEvents(ftdi_context& ftdi) {
     timeval noWait = {};
     libusb_handle_events_timeout_completed(ftdi.usb_ctx, &noWait, nullptr);
 }

@@ -171,7 +171,7 @@ bool SharedFile::fillNew(int newFile, int oldFile, const std::string& text) cons
         fremovexattr(newFile, accessList);  // the directory's default one
         if (fchmod(newFile, mode) != 0 || !copyAccessList(oldFile, newFile)) return false;
     }
-    // The file that was before the first one, if any, cannot have been newer than the clock.
+    // Of a file that was there before and is deleted nothing is known; few are ahead of the clock.
     const std::time_t previous = exists ? found.st_mtim.tv_sec : std::time(nullptr);
     return writeAll(newFile, text) && setTime(newFile, nextTime(previous)) && fsync(newFile) == 0;
 }

@@ -3,12 +3,14 @@
 #include <csignal>
 #include <cstdlib>
 
-#include "tq5ftdi.h"
+#include "alarmdaemon.h"
+#include "daemonstate.h"
 #include "world.h"
 
 namespace {
 
 int contexts = 0;
+int eventsHandled = 0;
 
 bool takesStopSignals() {
     sigset_t mask;
@@ -54,6 +56,26 @@ TEST_F(LibraryTest, ClosesWhatLeftDuringTheOpening) {
               "<3>unable to open ftdi device: reason|");
 }
 
+using LoopTest = KernelEventsTest;
+
+TEST_F(LoopTest, HandlesWhatLibusbNotedAfterAnEventOnly) {
+    signal(SIGPIPE, SIG_IGN);
+    DaemonState::settings = IniFile(write("settings", "[cu/params/3]\nLogDebug=3", 1));
+    DaemonState::stopRequested = 0;
+    world.attach("004");
+    eventsHandled = 0;
+    int cycles = 0;
+    world.onTrace = [&](const std::string& line) {
+        if (line.rfind("<7>wait for vid=0000", 0) != 0) return;
+        ++cycles;
+        if (cycles == 2) send("x");
+        if (cycles == 4) raise(SIGTERM);
+    };
+    EXPECT_EQ(AlarmDaemon().run(), 0);
+    world.onTrace = nullptr;
+    EXPECT_EQ(eventsHandled, 1);
+}
+
 }  // namespace
 
 extern "C" {
@@ -71,6 +93,7 @@ void libusb_exit(libusb_context*) { --contexts; }
 
 int libusb_handle_events_timeout_completed(libusb_context* context, timeval* limit, int*) {
     EXPECT_TRUE(context);
+    ++eventsHandled;
     return static_cast<int>(limit->tv_sec + limit->tv_usec);
 }
 
