@@ -24,7 +24,7 @@ endfunction()
 
 install_program(pinwatchd opt/orvel/bin)
 install_program(pinwatchd-alarm usr/bin)
-install(FILES ${here}/pinwatchd-alarm.bash DESTINATION usr/share/bash-completion/completions
+install(FILES ${CMAKE_SOURCE_DIR}/command/pinwatchd-alarm.bash DESTINATION usr/share/bash-completion/completions
     RENAME pinwatchd-alarm)
 install(PROGRAMS ${here}/pinwatchd-prepare DESTINATION opt/orvel/libexec)
 # For root alone: who can read settings can lock them, and a start would wait.
@@ -86,7 +86,7 @@ else()
     set(CPACK_DEBIAN_PACKAGE_DEPENDS "libftdi1 (>= 0.20), libusb-0.1-4 (>= 2:0.1.12)")
 endif()
 set(CPACK_PINWATCHD_PROGRAMS ${CMAKE_BINARY_DIR}/pinwatchd
-    ${CMAKE_BINARY_DIR}/tools/pinwatchd-alarm/pinwatchd-alarm)
+    ${CMAKE_BINARY_DIR}/pinwatchd-alarm)
 set(CPACK_PINWATCHD_READELF ${CMAKE_READELF})
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
     ${here}/deb/conffiles ${here}/deb/postinst ${here}/deb/prerm ${here}/deb/postrm)

@@ -4,6 +4,7 @@
 
 #include "conversions.h"
 #include "logger.h"
+#include "settings.h"
 
 volatile unsigned char DaemonState::running = 0;
 volatile unsigned char DaemonState::stopRequested = 0;

@@ -8,15 +8,6 @@
 // The signals that ask the daemon to stop, in the order in which their handler is installed.
 constexpr int stopSignals[] = {SIGINT, SIGTERM, SIGQUIT};
 
-// The settings files: the primary and the one laid over it.
-constexpr const char* settingsPath = "/opt/orvel/etc/orvel.conf";
-constexpr const char* settingsOverlayPath = "/var/opt/orvel/etc/orvel.conf";
-
-// The path of the alarms file: "alarms" in the data directory, key Data of section common.
-inline std::string alarmsPath(const IniFile& settings) {
-    return settings.value("common", "Data", "/tmp/orvel/data") + "/alarms";
-}
-
 // The process-wide state: the flags of the signal handler and the two documents, which are
 // built and loaded before main, settings first.
 struct DaemonState {

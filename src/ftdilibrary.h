@@ -5,8 +5,8 @@
 #include <string>
 #include <type_traits>
 
-// What the driver needs of libftdi and libusb that differs between libftdi 0.20 (ftdilibrary.cpp)
-// and libftdi1 (libftdi1/ftdilibrary.cpp). A build has one of the two.
+// What the driver needs of libftdi and libusb that differs between libftdi 0.20 (libftdi0/) and
+// libftdi1 (libftdi1/). A build has one of the two.
 
 // A device as the library lists it: usb_device of libusb 0.1, or libusb_device of libusb 1.0.
 using UsbDevice = std::remove_pointer_t<decltype(ftdi_device_list::dev)>;
@@ -41,8 +41,3 @@ std::string deviceNodePath(UsbDevice* dev);
 
 // Resets the open unit on the bus.
 void resetUnit(ftdi_context& ftdi);
-
-// With libftdi 0.20 only: searches the tree below `where`, which must not be null, for `dev`, and
-// puts the chain of device files that leads to it, joined by "/", before `path`. False when it is
-// not there.
-bool findDev(struct usb_device* where, struct usb_device* dev, std::string& path);

@@ -3,7 +3,7 @@
 # may be at the file meanwhile.
 set -eu
 program=$(realpath "$1")
-completion=$(realpath "$(dirname "$0")/../packaging/pinwatchd-alarm.bash")
+completion=$(realpath "$(dirname "$0")/../command/pinwatchd-alarm.bash")
 folder=$(mktemp -d)
 trap 'chmod -R u+rwx "$folder"; rm -rf "$folder"' EXIT
 chmod 755 "$folder"

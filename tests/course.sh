@@ -3,9 +3,9 @@
 # to a served unit. After each, two new alarms must reach the pins, and a daemon with nothing to do
 # must be calm.
 #
-#   tools/vm/run tests/course.sh                each line of the table once
-#   tools/vm/run tests/course.sh --only replug  its lines with this text
-#   tools/vm/run --timeout 4000 tests/course.sh 3600 7
+#   rig/vm/run tests/course.sh                each line of the table once
+#   rig/vm/run tests/course.sh --only replug  its lines with this text
+#   rig/vm/run --timeout 4000 tests/course.sh 3600 7
 #                  then lines at random, several faults at a time, until 3600 seconds are over;
 #                  7 is the seed, and the same one gives the same course, but for milliseconds
 #

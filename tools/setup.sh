@@ -183,13 +183,13 @@ becomeOwner() {
     fi
 }
 
-# prepareVm KERNEL...: fetches what the VM boots; KERNEL as tools/vm/run has it.
+# prepareVm KERNEL...: fetches what the VM boots; KERNEL as rig/vm/run has it.
 prepareVm() {
     local kernel
     for kernel; do
-        if [ ! build/vm/base.cpio -nt tools/vm/image ] || [ ! -e "build/vm/$kernel" ]; then
+        if [ ! build/vm/base.cpio -nt rig/vm/image ] || [ ! -e "build/vm/$kernel" ]; then
             quietly "fetching the VM's kernel $kernel (50 to 110 MB) and i386 libraries" \
-                "${as_owner[@]}" tools/vm/image "$kernel"
+                "${as_owner[@]}" rig/vm/image "$kernel"
         fi
     done
 }

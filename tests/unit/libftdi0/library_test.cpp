@@ -1,3 +1,4 @@
+#include "libftdi0/finddev.h"
 #include "tq5ftdi.h"
 #include "world.h"
 

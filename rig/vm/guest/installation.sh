@@ -1,5 +1,5 @@
 # shellcheck shell=dash
-# Read in by tools/vm/run before a script: an installation to play with, the daemon with its files,
+# Read in by rig/vm/run before a script: an installation to play with, the daemon with its files,
 # virtual units and a system log. For busybox sh, as root. The VM is the clean-up.
 
 settingsFile=/opt/orvel/etc/orvel.conf

@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "daemonstate.h"
 #include "iniwriter.h"
+#include "settings.h"
 #include "sharedfile.h"
 #include "show.h"
 

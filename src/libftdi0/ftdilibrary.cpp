@@ -2,8 +2,7 @@
 
 #include <usb.h>
 
-#include <cassert>
-
+#include "finddev.h"
 #include "logger.h"
 
 int initLibrary(ftdi_context& ftdi) { return ftdi_init(&ftdi); }
@@ -34,19 +33,6 @@ std::string deviceNodePath(UsbDevice* dev) {
     }
     logDebug2("device node path: '%s'", result.c_str());
     return result;
-}
-
-bool findDev(struct usb_device* where, struct usb_device* dev, std::string& path) {
-    assert(where && "where is null");
-    if (where == dev) return true;
-    for (int i = 0; i < where->num_children; ++i) {
-        struct usb_device* child = where->children[i];
-        if (child && findDev(child, dev, path)) {
-            path.insert(0, path.empty() ? "" : "/").insert(0, child->filename);
-            return true;
-        }
-    }
-    return false;
 }
 
 void resetUnit(ftdi_context& ftdi) { usb_reset(ftdi.usb_dev); }
