@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <utility>
 
 #include "alarmmask.h"
 #include "daemonstate.h"
@@ -33,13 +32,11 @@ int AlarmDaemon::run() {
             case Step::search:
                 step = device.openBySearch() ? serveUnit(monitor) : Step::wait;
                 break;
-            case Step::look:
+            case Step::rescan:
                 if (device.openNewcomer()) {
-                    monitor.passBurstOf(device.nodePath);
                     step = serveUnit(monitor);
                 } else {
-                    // The kernel may have been enumerating what was turned away.
-                    monitor.missed = device.hasNewcomers();
+                    if (device.needsRescan()) monitor.requestRescan();
                     step = Step::wait;
                 }
                 break;
@@ -57,6 +54,7 @@ int AlarmDaemon::run() {
 }
 
 AlarmDaemon::Step AlarmDaemon::serveUnit(UeventMonitor& monitor) {
+    monitor.keepArrivalBacklog();
     AlarmMask mask = evaluateAlarmMask(DaemonState::alarms);
     AlarmMask lastWritten = nothingWritten;
     DaemonState::running = 1;
@@ -68,24 +66,13 @@ AlarmDaemon::Step AlarmDaemon::serveUnit(UeventMonitor& monitor) {
 
         bool writeFailed = false;
         if (mask != lastWritten) {
-            if (device.setPins(pinValues[mask])) {
-                lastWritten = mask;
-            } else {
-                if (!DaemonState::running) break;
-                writeFailed = true;
-            }
+            writeFailed = !device.setPins(pinValues[mask]);
+            if (!writeFailed) lastWritten = mask;
+            if (writeFailed && !DaemonState::running) break;
         }
 
-        if (std::exchange(monitor.received, false)) device.handleLibraryEvents();
         // Also after a failed write: this paces the retries and notices a removal meanwhile.
-        bool removed = monitor.checkRemoved(device.nodePath) && !monitor.added;
-        if (!removed) {
-            monitor.pauseWithoutSocket();
-            // A unit that left unheard may have a successor that came unheard.
-            if (monitor.mustLook() || (writeFailed && monitor.isQueueEmpty()))
-                removed = monitor.missed = device.isGone();
-        }
-        if (removed) {
+        if (unitHasLeft(monitor, writeFailed)) {
             device.close();
             return DaemonState::running ? Step::wait : Step::end;
         }
@@ -93,15 +80,28 @@ AlarmDaemon::Step AlarmDaemon::serveUnit(UeventMonitor& monitor) {
     return Step::end;
 }
 
+bool AlarmDaemon::unitHasLeft(UeventMonitor& monitor, bool writeFailed) {
+    if (monitor.takeHeard()) device.heedEvents();
+    if (monitor.checkRemoved(device.nodePath) && !monitor.added) return !monitor.tellsOfArrival();
+    monitor.pauseWithoutSocket();
+
+    const bool mayHaveLeft =
+        monitor.takeOverrun(writeFailed) || (!device.isNamedByEvents() && monitor.heardRemoval());
+    if (!mayHaveLeft || !device.isGone()) return false;
+    monitor.requestRescan();  // its successor may have come unheard as well
+    return true;
+}
+
 AlarmDaemon::Step AlarmDaemon::waitForUnit(UeventMonitor& monitor) {
     logDebug2("wait device inserted");
-    bool arrived = monitor.takeUnitThatStays();
+    bool arrived = monitor.takeStayingUnit();
     while (!arrived) {
         if (DaemonState::stopRequested) return Step::end;
-        if (monitor.claimSearch()) return Step::look;
+        if (monitor.claimRescan()) return Step::rescan;
         arrived = monitor.waitForDevice(TQ5Ftdi::vendorId, TQ5Ftdi::productId);
+        if (monitor.takeHeard()) device.heedEvents();
         if (!arrived) monitor.pauseWithoutSocket();
     }
-    monitor.passBurst();
-    return Step::open;
+    monitor.settle();
+    return DaemonState::stopRequested ? Step::end : Step::open;
 }

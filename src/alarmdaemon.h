@@ -23,16 +23,20 @@ public:
     int run();
 
 private:
-    // What the loop does next: search all attached units, look for one that arrived unheard,
-    // open the one whose arrival was reported, wait for an arrival, or return.
-    enum class Step { search, look, open, wait, end };
+    // What the loop does next: search all attached units, search again for one that arrived
+    // unheard, open the one whose arrival was reported, wait for an arrival, or return.
+    enum class Step { search, rescan, open, wait, end };
 
     // Mirrors the alarms onto the open unit's pins until it is removed (and then closed) or a
     // stop is requested.
     Step serveUnit(UeventMonitor& monitor);
 
-    // Waits until a unit arrives, it is time to look for one, or a stop is requested.
-    static Step waitForUnit(UeventMonitor& monitor);
+    // Waits one second at most for an event. True when the open unit has left: an event says so,
+    // or its device node is gone where that may have happened unheard.
+    bool unitHasLeft(UeventMonitor& monitor, bool writeFailed);
+
+    // Waits until a unit arrives, a rescan is due, or a stop is requested.
+    Step waitForUnit(UeventMonitor& monitor);
 
     TQ5Ftdi device;
 };

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 
 #include "logger.h"
 
@@ -24,8 +25,9 @@ constexpr std::uint8_t cbus01Outputs = 0x30;
 constexpr std::uint8_t cbus01Levels = 0x03;
 constexpr std::uint8_t cbusLevels = 0x0F;
 
-// So often an opening is tried where events were lost: the first may come while the kernel is
-// still enumerating the unit, and is what loses the events of the second.
+// A device that was turned away is tried again by a rescan, until it has been turned away so often:
+// the first time the kernel may still have been enumerating it, and a failed opening resets it,
+// which can overrun the event buffer and so cause the second rescan.
 constexpr int maxRefusals = 3;
 
 // The device node, in today's place or that of older systems; empty if there is none.
@@ -37,6 +39,18 @@ std::string findDeviceNode(UsbDevice* dev) {
         if (access(node.c_str(), F_OK) == 0) return node;
     }
     return "";
+}
+
+bool isMissing(const std::string& node) {
+    return access(node.c_str(), F_OK) != 0 && errno == ENOENT;
+}
+
+// Whether a listed device is that of the event, whose path names no hubs before it.
+bool isSameDevice(const std::string& listedPath, const std::string& eventPath) {
+    const std::size_t bus = listedPath.find('/');
+    const std::size_t device = listedPath.rfind('/');
+    return listedPath == eventPath ||
+           (bus != device && listedPath.substr(0, bus) + listedPath.substr(device) == eventPath);
 }
 
 }  // namespace
@@ -59,35 +73,33 @@ TQ5Ftdi::~TQ5Ftdi() {
 
 bool TQ5Ftdi::openBySearch() {
     logDebug2("search FTDI devices");
-    return openListed(nullptr, false);
+    return openListed(Choice::any);
 }
 
 bool TQ5Ftdi::openByNodePath(const std::string& path) {
     logDebug2("open FTDI device by node path: '%s'", path.c_str());
     if (path.empty()) return false;
-    return openListed(&path, false);
+    return openListed(Choice::atPath, path);
 }
 
 bool TQ5Ftdi::openNewcomer() {
     logDebug2("look for an FTDI device that arrived unheard");
-    return openListed(nullptr, true);
+    return openListed(Choice::newcomers);
 }
 
-bool TQ5Ftdi::hasNewcomers() const {
+bool TQ5Ftdi::needsRescan() const {
     for (const auto& entry : refusals) {
         if (entry.second < maxRefusals) return true;
     }
-    return false;
+    return listingFailed;
 }
 
-// Opens the first compatible unit of the library's list, or with a path the one at that path.
-bool TQ5Ftdi::openListed(const std::string* path, bool newcomersOnly) {
+// Opens the first compatible unit of those that are chosen from the library's list.
+bool TQ5Ftdi::openListed(Choice choice, const std::string& path) {
     ftdi_device_list* list = nullptr;
     bool opened = false;
     const int count = listDevices(ftdi, &list, vendorId, productId);
-    // Only here, as no other opening looks at devices behind the one that it opens. A failed
-    // listing forgets all, so that it is not repeated for their sake.
-    if (newcomersOnly) forgetUnlisted(list, count);
+    listingFailed = count < 0;
     if (count == 0) {
         logDebug2("FTDI device is not found");
     } else if (count < 0) {
@@ -98,18 +110,18 @@ bool TQ5Ftdi::openListed(const std::string* path, bool newcomersOnly) {
         for (int i = 0; i < count && !opened; ++i, element = element->next) {
             UsbDevice* dev = element->dev;
             logDebug2("checking device: %d", i);
-            // With a path given it is compared first: units elsewhere are not even asked for
-            // their product string.
-            if (path && deviceNodePath(dev) != *path) continue;
-            if (newcomersOnly && refusals[deviceFile(dev)] >= maxRefusals) continue;
-            if (!checkChipType(dev) || !openDevice(dev)) {
-                ++refusals[deviceFile(dev)];
+            if (!isChosen(dev, choice, path)) continue;
+            // Looked for before the opening: a unit that leaves during it must be noticed as well.
+            const std::string node = findDeviceNode(dev);
+            opened = checkChipType(dev) && openDevice(dev);
+            if (!opened) {
+                if (!node.empty()) ++refusals[node];
                 continue;
             }
-            nodePath = path ? *path : deviceNodePath(dev);
+            refusals.erase(node);
+            deviceNode = node;
+            nodePath = choice == Choice::atPath ? path : deviceNodePath(dev);
             logInfo(tr("opened FTDI device '%s' (%s)"), description.c_str(), nodePath.c_str());
-            refusals.erase(deviceFile(dev));
-            opened = true;
         }
     }
     if (list) ftdi_list_free(&list);
@@ -117,13 +129,12 @@ bool TQ5Ftdi::openListed(const std::string* path, bool newcomersOnly) {
     return opened;
 }
 
-void TQ5Ftdi::forgetUnlisted(const ftdi_device_list* list, int count) {
-    std::map<std::string, int> listed;
-    for (int i = 0; i < count; ++i, list = list->next) {
-        const auto entry = refusals.find(deviceFile(list->dev));
-        if (entry != refusals.end()) listed.insert(*entry);
-    }
-    refusals.swap(listed);
+// Units elsewhere are not even asked for their product string.
+bool TQ5Ftdi::isChosen(UsbDevice* dev, Choice choice, const std::string& path) const {
+    if (choice == Choice::atPath) return isSameDevice(deviceNodePath(dev), path);
+    if (choice == Choice::any) return true;
+    const auto entry = refusals.find(findDeviceNode(dev));
+    return entry == refusals.end() || entry->second < maxRefusals;
 }
 
 bool TQ5Ftdi::checkChipType(UsbDevice* dev) {
@@ -149,8 +160,6 @@ bool TQ5Ftdi::checkProduct(UsbDevice* dev) {
 }
 
 bool TQ5Ftdi::openDevice(UsbDevice* dev) {
-    // Looked for before the opening: a unit that leaves during it must be noticed as well.
-    deviceNode = findDeviceNode(dev);
     if (openUnit(ftdi, dev) < 0) {
         logError(tr("unable to open ftdi device: %s"), ftdi_get_error_string(&ftdi));
         return false;
@@ -184,11 +193,20 @@ void TQ5Ftdi::closeDevice(bool reset) {
     deviceNode.clear();
 }
 
-void TQ5Ftdi::handleLibraryEvents() { handleEvents(ftdi); }
+void TQ5Ftdi::heedEvents() {
+    // A device number comes back, after the others of its bus have been used.
+    for (auto entry = refusals.begin(); entry != refusals.end();)
+        entry = isMissing(entry->first) ? refusals.erase(entry) : std::next(entry);
+    if (ftdi.usb_dev) handleEvents(ftdi);
+}
+
+bool TQ5Ftdi::isNamedByEvents() const {
+    const std::size_t slash = nodePath.find('/');
+    return slash != std::string::npos && slash == nodePath.rfind('/');
+}
 
 bool TQ5Ftdi::isGone() const {
-    if (deviceNode.empty() || access(deviceNode.c_str(), F_OK) == 0 || errno != ENOENT)
-        return false;
+    if (deviceNode.empty() || !isMissing(deviceNode)) return false;
     logDebug2("device node %s is gone: unit removed without an event", deviceNode.c_str());
     return true;
 }

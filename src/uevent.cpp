@@ -3,11 +3,20 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <string_view>
+
+#include "logger.h"
 
 namespace {
 
 constexpr const char* sysfsRoot = "/sys";
+constexpr const char* nodesRoot = "/dev/bus/usb/";
+
+bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 // Cuts the next token off the front of `text`, with strtok's rules for the delimiter "=": runs
 // of it count as one, and there are no empty tokens but where nothing is left.
@@ -22,8 +31,11 @@ std::string_view nextToken(std::string_view& text) {
 
 }  // namespace
 
-bool Uevent::deviceExists() const {
-    return access((sysfsDirectory + "/idVendor").c_str(), F_OK) == 0;
+bool Uevent::deviceStays() const {
+    // Its successor at the same port has the same directory in sysfs, but a device number, and so
+    // a node, of its own.
+    return action != "remove" && exists(sysfsDirectory + "/idVendor") &&
+           (!exists(nodesRoot + busNumber) || exists(nodesRoot + nodePath()));
 }
 
 bool Uevent::deviceIsConfigured() const {
@@ -62,4 +74,21 @@ Uevent parseUevent(const char* datagram, std::size_t length) {
         }
     }
     return event;
+}
+
+std::string readFirstLine(const std::string& path) {
+    std::string line;
+    char* buffer = nullptr;
+    std::size_t capacity = 0;
+    std::FILE* file = std::fopen(path.c_str(), "r");
+    if (file) errno = 0;  // an empty file sets none
+    if (file && getdelim(&buffer, &capacity, '\n', file) >= 0) {
+        line = buffer;
+        if (!line.empty() && line.back() == '\n') line.pop_back();
+    } else {
+        logError("read file error: %s: %s", path.c_str(), std::strerror(errno));
+    }
+    std::free(buffer);
+    if (file) std::fclose(file);
+    return line;
 }

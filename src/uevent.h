@@ -17,11 +17,12 @@ struct Uevent {
     // BUSNUM/DEVNUM, for example 001/004.
     std::string nodePath() const { return busNumber + "/" + deviceNumber; }
 
-    // Whether the device is in sysfs now.
-    bool deviceExists() const;
+    // Whether the event is no removal, and its device is still attached: in sysfs, and with its
+    // device node where the bus has any.
+    bool deviceStays() const;
 
-    // Whether the kernel has enumerated it: waits as long as it is at it, and has sent by then
-    // what it sends for an arrival. False too where sysfs does not tell.
+    // Whether the kernel has enumerated the device, and so has sent all events of its arrival.
+    // Blocks while the kernel is enumerating it. False where sysfs does not tell.
     bool deviceIsConfigured() const;
 };
 
@@ -29,3 +30,7 @@ struct Uevent {
 // it does not know or that have no key. Stops at a DEVTYPE other than "usb_device", so that
 // what follows it stays empty.
 Uevent parseUevent(const char* datagram, std::size_t length);
+
+// The first line of the file at `path` without its line feed; empty, after logging why, when
+// the file cannot be read or has no line.
+std::string readFirstLine(const std::string& path);

@@ -8,9 +8,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <utility>
 
 #include "conversions.h"
@@ -25,13 +22,12 @@ constexpr unsigned ueventGroup = 1;         // the kernel's broadcasts; udev's h
 constexpr timespec oneSecond = {1, 0};
 constexpr timespec noWait = {0, 0};
 
-// A burst of events is over when nothing has come for so long from a device that the kernel has
-// enumerated, and in any case at its limits: of time, and of what is read or kept.
-constexpr timespec burstGap = {0, 50'000'000};
-constexpr std::int64_t burstLimitMs = 300;
-constexpr std::size_t maxKept = 64;
+// How long the kernel is given to enumerate a unit, and how often it is asked meanwhile.
+constexpr std::int64_t settleLimitMs = 300;
+constexpr timespec settlePace = {0, 20'000'000};
 
-constexpr std::int64_t searchPaceMs = 1000;
+constexpr std::size_t maxBacklog = 64;
+constexpr std::int64_t rescanPaceMs = 1000;
 
 timespec now() {
     timespec time = {};
@@ -91,24 +87,7 @@ int waitUnlessStopped(int count, fd_set* readable, const timespec* limit) {
 
 }  // namespace
 
-std::string readFirstLine(const std::string& path) {
-    std::string line;
-    char* buffer = nullptr;
-    std::size_t capacity = 0;
-    std::FILE* file = std::fopen(path.c_str(), "r");
-    if (file) errno = 0;  // an empty file sets none
-    if (file && getdelim(&buffer, &capacity, '\n', file) >= 0) {
-        line = buffer;
-        if (!line.empty() && line.back() == '\n') line.pop_back();
-    } else {
-        logError("read file error: %s: %s", path.c_str(), std::strerror(errno));
-    }
-    std::free(buffer);
-    if (file) std::fclose(file);
-    return line;
-}
-
-UeventMonitor::UeventMonitor() : fd(openSocket()), lastSearch(now()) {}
+UeventMonitor::UeventMonitor() : fd(openSocket()), lastRescan(now()) {}
 
 UeventMonitor::~UeventMonitor() {
     if (fd >= 0) close(fd);
@@ -126,10 +105,26 @@ void UeventMonitor::pauseWithoutSocket() const {
     if (fd < 0) waitUnlessStopped(0, nullptr, &oneSecond);
 }
 
-bool UeventMonitor::takeUnitThatStays() {
-    if (!reportedRemoval) return false;
-    const Uevent event = *std::exchange(reportedRemoval, std::nullopt);
-    if (event.action == "remove" || !event.deviceExists()) return false;
+void UeventMonitor::settle() {
+    const timespec start = now();
+    while (!DaemonState::stopRequested && !arrival.deviceIsConfigured() &&
+           millisecondsSince(start) < settleLimitMs && backlog.size() < maxBacklog) {
+        keepNext(&settlePace);
+    }
+}
+
+void UeventMonitor::keepArrivalBacklog() {
+    // Events may come without end.
+    for (std::size_t tries = 0; tries < maxBacklog && backlog.size() < maxBacklog; ++tries) {
+        if (!keepNext(&noWait)) break;
+    }
+    arrivalBacklog = backlog.size();
+}
+
+bool UeventMonitor::tellsOfArrival() const { return eventIsOfArrival && event.deviceStays(); }
+
+bool UeventMonitor::takeStayingUnit() {
+    if (!std::exchange(removalReported, false) || !event.deviceStays()) return false;
     added = true;
     nodePath = event.nodePath();
     arrival = event;
@@ -138,44 +133,24 @@ bool UeventMonitor::takeUnitThatStays() {
     return true;
 }
 
-void UeventMonitor::passBurst() {
-    const timespec start = now();
-    bool over = false;
-    for (std::size_t tries = 0; tries < maxKept && kept.size() < maxKept; ++tries) {
-        const bool came = readAhead(nodePath, over ? &noWait : &burstGap);
-        if (over && !came) return;
-        over = over || (!came && arrival.deviceIsConfigured()) ||
-               millisecondsSince(start) >= burstLimitMs;
-    }
+bool UeventMonitor::heardRemoval() const {
+    return event.usbDevice && !event.deviceNumber.empty() && !added;
 }
 
-void UeventMonitor::passBurstOf(const std::string& path) {
-    for (std::size_t tries = 0; tries < maxKept && kept.size() < maxKept; ++tries) {
-        if (!readAhead(path, &noWait)) return;
-    }
-}
+bool UeventMonitor::takeHeard() { return std::exchange(heard, false); }
 
-// Takes one datagram off the socket, for later unless it only goes on about the arrival of the
-// unit at `path`. False when none comes within the limit.
-bool UeventMonitor::readAhead(const std::string& path, const timespec* limit) {
-    if (!waitReadable(limit)) return false;
-    std::string datagram = receive();
-    const Uevent event = parseUevent(datagram.data(), datagram.size());
-    const bool changesNothing = event.usbDevice && event.action && *event.action != "add" &&
-                                *event.action != "remove" && event.nodePath() == path &&
-                                event.deviceExists();
-    if (!datagram.empty() && !changesNothing) kept.push_back(std::move(datagram));
+bool UeventMonitor::takeOverrun(bool suspected) {
+    const bool due = (overrun || suspected) && backlog.empty() && !waitReadable(&noWait);
+    if (fd >= 0 && !due) return false;
+    overrun = false;
     return true;
 }
 
-bool UeventMonitor::isQueueEmpty() const { return kept.empty() && !waitReadable(&noWait); }
+void UeventMonitor::requestRescan() { overrun = true; }
 
-bool UeventMonitor::mustLook() const { return fd < 0 || (missed && isQueueEmpty()); }
-
-bool UeventMonitor::claimSearch() {
-    if (!mustLook() || millisecondsSince(lastSearch) < searchPaceMs) return false;
-    lastSearch = now();
-    missed = false;
+bool UeventMonitor::claimRescan() {
+    if (millisecondsSince(lastRescan) < rescanPaceMs || !takeOverrun(false)) return false;
+    lastRescan = now();
     return true;
 }
 
@@ -187,34 +162,46 @@ bool UeventMonitor::waitReadable(const timespec* limit) const {
     return waitUnlessStopped(fd + 1, &readable, limit) > 0 && FD_ISSET(fd, &readable);
 }
 
-// Takes the next datagram off the socket; empty on any failure.
-std::string UeventMonitor::receive() {
+// Takes one event off the socket into the backlog. False when none comes within the limit.
+bool UeventMonitor::keepNext(const timespec* limit) {
+    if (!waitReadable(limit)) return false;
+    std::optional<Uevent> next = receive();
+    if (next) backlog.push_back(std::move(*next));
+    return true;
+}
+
+// Takes the next event off the socket; none on any failure.
+std::optional<Uevent> UeventMonitor::receive() {
     char datagram[datagramSize] = {};
     const ssize_t length = recv(fd, datagram, datagramSize, 0);
-    received = true;
+    heard = true;
     // ENOBUFS is reported once for all that is dropped until the queue is empty (netlink(7)).
-    if (length < 0 && errno == ENOBUFS) missed = true;
-    return length > 0 ? std::string(datagram, static_cast<std::size_t>(length)) : std::string();
+    if (length < 0 && errno == ENOBUFS) overrun = true;
+    if (length <= 0) return std::nullopt;
+    return parseUevent(datagram, static_cast<std::size_t>(length));
 }
 
 bool UeventMonitor::readEvent(int vendorId, int productId, const std::string& watchedPath) {
     logDebug3("wait for vid=%04X, pid=%04X, node='%s'", static_cast<unsigned>(vendorId),
               static_cast<unsigned>(productId), watchedPath.c_str());
-    std::string datagram;
-    if (!kept.empty()) {
-        datagram = std::move(kept.front());
-        kept.pop_front();
+    event = Uevent();
+    eventIsOfArrival = removalReported = false;
+    if (!backlog.empty()) {
+        event = std::move(backlog.front());
+        backlog.pop_front();
+        eventIsOfArrival = arrivalBacklog > 0;
+        if (eventIsOfArrival) --arrivalBacklog;
     } else {
-        const bool endless = watchedPath.empty() && !missed;
+        const bool endless = watchedPath.empty() && !overrun;
         if (!waitReadable(endless ? nullptr : &oneSecond)) return false;
-        datagram = receive();
+        std::optional<Uevent> next = receive();
+        if (!next) return false;
+        event = std::move(*next);
     }
-    return !datagram.empty() && handleDatagram(datagram, vendorId, productId, watchedPath);
+    return handleEvent(vendorId, productId, watchedPath);
 }
 
-bool UeventMonitor::handleDatagram(const std::string& datagram, int vendorId, int productId,
-                                   const std::string& watchedPath) {
-    const Uevent event = parseUevent(datagram.data(), datagram.size());
+bool UeventMonitor::handleEvent(int vendorId, int productId, const std::string& watchedPath) {
     if (event.action) added = *event.action == "add";
     if (!event.usbDevice) {
         logDebug2("device is not 'usb_device'");
@@ -229,9 +216,8 @@ bool UeventMonitor::handleDatagram(const std::string& datagram, int vendorId, in
 
     if (!added) {
         logDebug2("udev: FTDI USB device (%s) removed", eventPath.c_str());
-        if (eventPath != watchedPath) return false;
-        reportedRemoval = event;
-        return true;
+        removalReported = eventPath == watchedPath;
+        return removalReported;
     }
 
     const std::string vendorText = readFirstLine(event.sysfsDirectory + "/idVendor");

@@ -8,22 +8,20 @@
 
 #include "uevent.h"
 
-// The first line of the file at `path` without its line feed; empty, after logging why, when
-// the file cannot be read or has no line.
-std::string readFirstLine(const std::string& path);
-
 // Reads the kernel's hot-plug broadcasts from a netlink uevent socket. Each call of
-// waitForDevice or checkRemoved handles one datagram at most; time-outs, signals, errors and
-// events of no interest all give false. Once a stop is requested no call waits any more.
+// waitForDevice or checkRemoved handles one event; time-outs, signals, errors and events of no
+// interest all give false. Once a stop is requested no call waits any more. Events that come while
+// a unit is being opened are kept as backlog, and handled by the next calls like all others.
 //
 // What kernels send when a USB device comes and goes:
 //   before 4.14    add                         remove
 //   since 4.14     add, change, bind           unbind, remove
 // Interfaces of the device send events of their own, and `udevadm trigger` makes the kernel
 // send change for every device. Any action but "add" counts as a removal here, so the caller
-// asks takeUnitThatStays whether the device is there all the same.
+// asks tellsOfArrival and takeStayingUnit whether the device is there all the same.
 class UeventMonitor {
-    int fd;  // the socket, -1 when there is none
+    // In the order in which they are set: `added` and `nodePath` come from the socket.
+    int fd;  // -1 when there is none
 
 public:
     // Whether the last event that named an action was an "add".
@@ -32,67 +30,70 @@ public:
     // BUSNUM/DEVNUM of the device that arrived last, for example 001/004; empty before.
     std::string nodePath;
 
-    // Something came or went without an event, or may have: set here when the kernel drops
-    // events for want of buffer space, and by the caller when it finds out by itself. The caller
-    // clears it once it has looked.
-    bool missed = false;
-
-    // Something came at the socket. The caller clears it.
-    bool received = false;
-
     // Opens the socket; a failure is logged and leaves the monitor without one for good.
     UeventMonitor();
     UeventMonitor(const UeventMonitor&) = delete;
     UeventMonitor& operator=(const UeventMonitor&) = delete;
     virtual ~UeventMonitor();
 
-    // Waits without time limit, or a second as long as something was missed. True only for the
-    // arrival of a USB device with these IDs; `nodePath` then names it.
+    // Waits without time limit, or a second while a rescan is due. True only for the arrival of a
+    // USB device with these IDs; `nodePath` then names it.
     bool waitForDevice(int vendorId, int productId);
 
     // Waits one second at most (without limit, and never true, for an empty path). True only
     // for an event of the USB device at `watchedPath` whose action is not "add".
     bool checkRemoved(const std::string& watchedPath);
 
+    // Whether the last call handled an event of a USB device that was no arrival.
+    bool heardRemoval() const;
+
     // Where there is no socket, and so nothing to wait for, waits a second or until a signal.
     void pauseWithoutSocket() const;
 
+    // Before the opening of a unit that arrived: waits until the kernel has enumerated it. Gives
+    // up after 0.3 s, but the kernel may block it longer, as it would block the opening.
+    void settle();
+
+    // Once a unit is open: takes what has come by now for the events of its arrival.
+    void keepArrivalBacklog();
+
+    // After checkRemoved returned true: whether the event belongs to the arrival of the open unit,
+    // which is still attached, and so is no removal.
+    bool tellsOfArrival() const;
+
     // Once after checkRemoved returned true: whether the event was no removal and its device is
-    // still in sysfs. That counts as the device's arrival: `added` and `nodePath` are set as by
+    // still attached. That counts as the device's arrival: `added` and `nodePath` are set as by
     // waitForDevice.
-    bool takeUnitThatStays();
+    bool takeStayingUnit();
 
-    // After an arrival, before the unit is opened: lets the events pass that follow it. Waits
-    // until none has come for some time and the kernel has enumerated the unit. Those of the
-    // unit that are neither its arrival nor its removal are forgotten while it is attached; all
-    // others are kept for the next calls.
-    void passBurst();
+    // Whether anything has come at the socket since the last call.
+    bool takeHeard();
 
-    // The same for the events that have come of the unit at `path`, whose arrival went unheard.
-    void passBurstOf(const std::string& path);
+    // True when the caller must look what came and went: the kernel has dropped events for want
+    // of buffer space, or the caller suspects a loss, or there is no socket. Not before all
+    // events are handled: until then the kernel goes on dropping. A loss is told once.
+    bool takeOverrun(bool suspected);
 
-    // True when all events have been handled.
-    bool isQueueEmpty() const;
+    // Makes a rescan due, as an overrun does.
+    void requestRescan();
 
-    // True when it is up to the caller to look what came and went: something was missed, or
-    // there is no socket. Not before the queue is empty: until then the kernel goes on dropping
-    // events, so whoever looked would miss the rest.
-    bool mustLook() const;
-
-    // Asks to search for a unit that arrived unheard: true when mustLook is, but only once a
-    // second. Nothing counts as missed then.
-    bool claimSearch();
+    // True when a rescan is due, as takeOverrun is, but once a second at most.
+    bool claimRescan();
 
 private:
     bool readEvent(int vendorId, int productId, const std::string& watchedPath);
+    bool handleEvent(int vendorId, int productId, const std::string& watchedPath);
     bool waitReadable(const timespec* limit) const;
-    bool readAhead(const std::string& path, const timespec* limit);
-    std::string receive();
-    bool handleDatagram(const std::string& datagram, int vendorId, int productId,
-                        const std::string& watchedPath);
+    bool keepNext(const timespec* limit);
+    std::optional<Uevent> receive();
 
-    std::deque<std::string> kept;           // datagrams read ahead, to be handled first
-    std::optional<Uevent> reportedRemoval;  // the event that made checkRemoved return true
-    Uevent arrival;                         // the event that `nodePath` is from
-    timespec lastSearch;                    // when claimSearch was last true, or the start
+    std::deque<Uevent> backlog;
+    std::size_t arrivalBacklog = 0;  // how many of its first tell of the open unit's arrival
+    Uevent event;                    // the one handled last, and what it is:
+    bool eventIsOfArrival = false;
+    bool removalReported = false;
+    Uevent arrival;  // the event that `nodePath` is from
+    bool heard = false;
+    bool overrun = false;
+    timespec lastRescan;  // or the start
 };
