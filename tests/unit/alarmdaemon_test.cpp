@@ -48,7 +48,7 @@ protected:
             {"usb_close", "close"},
             {"ftdi_deinit", "end"},
             {"<7>wait device inserted", "wait"},
-            {"<7>look for", "look"},
+            {"<7>look for", "rescan"},
             {"<7>device node /dev/bus/usb/001/004 is gone", "gone"},
         };
         DaemonState::running = 0;
@@ -85,6 +85,16 @@ protected:
 };
 
 TEST_F(AlarmDaemonTest, TurnsAUnitAwayThreeTimesWhereEventsAreLost) {
+    const auto leave = [&] {
+        world.attached.clear();
+        putNode(false);
+        send("x");
+    };
+    const auto arriveUnheard = [&] {
+        world.attach("004");
+        putNode(true);
+        flood();
+    };
     world.attach("004");
     world.results["open"] = std::deque<int>(4, -1);
     const char* const passedOver = "<7>checking";
@@ -93,20 +103,33 @@ TEST_F(AlarmDaemonTest, TurnsAUnitAwayThreeTimesWhereEventsAreLost) {
                    {"open", [&] { flood(); }},
                    {passedOver, [&] { usb("add"); }},  // reported, it is opened all the same
                    {"open", [] {}},
-                   {waiting,
+                   {waiting, leave},
+                   {waiting, arriveUnheard},  // another unit, after a round of all numbers
+                   {cycle, stop}}),
+              "find open wait rescan find open wait rescan find open wait rescan find wait find "
+              "open wait rescan find open 3 off close end");
+}
+
+TEST_F(AlarmDaemonTest, RescansAgainWhenNothingCouldBeListed) {
+    world.results["find_all"] = {0, -1};
+    EXPECT_EQ(run({{waiting,
                     [&] {
-                        world.attached.clear();
-                        flood();
-                    }},
-                   {"find_all", [] {}},
-                   {waiting,
-                    [&] {
-                        world.attach("004");  // another unit, after a round of all numbers
+                        world.attach("004");
                         flood();
                     }},
                    {cycle, stop}}),
-              "find open wait look find open wait look find open wait look find wait find open "
-              "wait look find wait look find open 3 off close end");
+              "find wait rescan find wait rescan find open 3 off close end");
+}
+
+TEST_F(AlarmDaemonTest, TakesWhatComesWithTheOpeningForTheArrival) {
+    world.attach("004");
+    EXPECT_EQ(run({{"open", [&] { usb("bind"); }},
+                   {cycle, [] {}},
+                   {cycle, [&] { usb("change"); }},
+                   {cycle, stop}}),
+              "find open 3 off close wait find open 3 off close end");
+    EXPECT_EQ(run({{"open", [&] { usb("remove"); }}, {waiting, stop}}),
+              "find open 3 off close wait end");
 }
 
 TEST_F(AlarmDaemonTest, LooksForTheNodeOnceAllEventsAreHandled) {
@@ -123,7 +146,7 @@ TEST_F(AlarmDaemonTest, LooksForTheNodeOnceAllEventsAreHandled) {
                        {"<7>wait device inserted", [] {}},
                        {reported ? waiting : cycle, stop}}),
                   reported ? "find open 3 3 close wait end"
-                           : "find open 3 gone close wait look find open 3 off close end");
+                           : "find open 3 gone close wait rescan find open 3 off close end");
     }
     // Where there was no node at the opening, nothing can be told.
     world.results["bitmode"] = {-1};
@@ -135,6 +158,8 @@ TEST_F(AlarmDaemonTest, HonoursAStopRequestAtAnyMoment) {
     for (const char* moment : {"find_all", "<7>wait device inserted", waiting}) {
         EXPECT_EQ(run({{moment, stop}}), "find wait end") << moment;
     }
+    // While the unit settles, before the opening.
+    EXPECT_EQ(run({{waiting, [&] { usb("add"); }}, {"<7>udev: FTDI", stop}}), "find wait end");
     world.attach("004");
     for (const char* moment : {"find_all", "eeprom", "bitmode", cycle}) {
         EXPECT_EQ(run({{moment, stop}}), "find open 3 off close end") << moment;
@@ -147,15 +172,15 @@ TEST_F(AlarmDaemonTest, HonoursAStopRequestAtAnyMoment) {
 TEST_F(AlarmDaemonTest, LooksOnceASecondWithoutASocket) {
     const UeventMonitor holder;  // of the process's netlink address
     const std::time_t start = std::time(nullptr);
-    EXPECT_EQ(
-        run({{waiting, [] {}},
-             {waiting, [&] { world.attach("004"); }},
-             {cycle, [&] { alarm("ALARM1="); }},
-             {cycle, [&] { putNode(false); }},
-             {cycle, [&] { putNode(true); }},
-             {cycle, stop}}),
-        "deaf find wait look find wait look find open 3 1 gone off close wait look find open 1 off "
-        "close end");
+    EXPECT_EQ(run({{waiting, [] {}},
+                   {waiting, [&] { world.attach("004"); }},
+                   {cycle, [&] { alarm("ALARM1="); }},
+                   {cycle, [&] { putNode(false); }},
+                   {cycle, [&] { putNode(true); }},
+                   {cycle, stop}}),
+              "deaf find wait rescan find wait rescan find open 3 1 gone off close wait rescan "
+              "find open 1 off "
+              "close end");
     EXPECT_GE(std::time(nullptr) - start, 4);  // a second each for what was waited for
 }
 

@@ -124,53 +124,67 @@ TEST_F(MonitorTest, TakesNoDescriptorBeyondSelectsSets) {
     closefrom(first);
 }
 
-TEST_F(MonitorTest, RemembersLostEventsUntilTheQueueIsEmpty) {
+TEST_F(MonitorTest, TellsOfAnOverrunOnceTheQueueIsEmpty) {
     UeventMonitor monitor;
-    EXPECT_FALSE(monitor.mustLook());
+    EXPECT_FALSE(monitor.takeOverrun(false));
     for (int i = 0; i < 100; ++i) send("ACTION=remove|BUSNUM=001|DEVNUM=009");
     EXPECT_FALSE(monitor.checkRemoved("001/004"));  // the kernel reports the loss first
     int handled = 0;
-    while (!monitor.mustLook()) {
+    while (!monitor.takeOverrun(false)) {
         ASSERT_LT(++handled, 100);
         EXPECT_FALSE(monitor.checkRemoved("001/004"));
     }
     EXPECT_GT(handled, 0);
-    monitor.missed = false;
-    EXPECT_FALSE(monitor.mustLook());
+    EXPECT_FALSE(monitor.takeOverrun(false));
+    EXPECT_TRUE(monitor.takeOverrun(true));
     send(usbEvent("remove", "004"));
+    EXPECT_FALSE(monitor.takeOverrun(true));  // not before that is handled
     EXPECT_TRUE(monitor.checkRemoved("001/004"));
 }
 
-TEST_F(MonitorTest, KeepsAllOfABurstButWhatItsArrivalBrings) {
+TEST_F(MonitorTest, KeepsWhatComesWhileAUnitIsOpened) {
     SysLog::instance()->setDebugLevel(2);
     UeventMonitor monitor;
     send(usbEvent("add", "004"));
     ASSERT_TRUE(monitor.waitForDevice(0x0403, 0x6001));
     world.trace.clear();
     const std::string interface = "ACTION=bind|DEVTYPE=usb_interface|";
-    for (const std::string& event :
-         {usbEvent("change", "004"), interface, usbEvent("bind", "004"), usbEvent("add", "004"),
-          usbEvent("change", "005"), usbEvent("remove", "004")}) {
+    for (const std::string& event : {usbEvent("change", "004"), interface}) {
         send(event);
-        monitor.passBurst();
+        monitor.settle();  // nothing says that the unit is configured
     }
+    for (const std::string& event : {usbEvent("add", "005"), usbEvent("bind", "004")}) {
+        send(event);
+        monitor.keepArrivalBacklog();
+    }
+    write("bConfigurationValue", "1\n", 1);
+    send(usbEvent("change", "005"));
+    monitor.settle();  // at once
+    send(usbEvent("bind", "004"));
     EXPECT_EQ(world.take(), "");
-    EXPECT_FALSE(monitor.isQueueEmpty());
-    std::vector<bool> removed;
-    while (!monitor.isQueueEmpty()) removed.push_back(monitor.checkRemoved("001/004"));
-    EXPECT_EQ(removed, std::vector<bool>({false, false, false, true}));
+
+    std::string seen;
+    for (int i = 0; i < 6; ++i) {
+        const bool removed = monitor.checkRemoved("001/004");
+        seen += removed ? monitor.tellsOfArrival() ? "arrival " : "removal " : "- ";
+    }
+    EXPECT_EQ(seen, "arrival - - arrival - removal ");
     EXPECT_EQ(world.take(),
-              "<7>device is not 'usb_device'|<7>USB device VID/PID: 0403:6001|"
+              "<7>udev: FTDI USB device (001/004) removed|<7>device is not 'usb_device'|"
+              "<7>USB device VID/PID: 0403:6001|<7>udev: FTDI USB device (001/004) removed|"
               "<7>udev: FTDI USB device (001/005) removed|"
               "<7>udev: FTDI USB device (001/004) removed|");
+    EXPECT_TRUE(monitor.takeStayingUnit());
+    EXPECT_FALSE(monitor.takeStayingUnit());
 
-    // A unit that has left again takes its events with it.
-    putSysfs("", "");
-    std::filesystem::remove(folder + "/idVendor");
+    // Its successor at the same port has the same directory in sysfs.
     send(usbEvent("unbind", "004"));
-    monitor.passBurst();
+    monitor.keepArrivalBacklog();
+    putNode(false);
+    std::filesystem::create_directories("/dev/bus/usb/001");
     EXPECT_TRUE(monitor.checkRemoved("001/004"));
-    EXPECT_FALSE(monitor.takeUnitThatStays());
+    EXPECT_FALSE(monitor.tellsOfArrival());
+    EXPECT_FALSE(monitor.takeStayingUnit());
 }
 
 }  // namespace

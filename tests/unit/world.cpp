@@ -16,6 +16,7 @@
 #include <fstream>
 #include <utility>
 
+#include "daemonstate.h"
 #include "logger.h"
 
 World world;
@@ -99,6 +100,7 @@ void KernelEventsTest::SetUp() {
     static const bool ownSystem = enterOwnSystem();
     if (!ownSystem) GTEST_SKIP() << "namespaces need root here";
     putNode(true);
+    DaemonState::stopRequested = 0;
     sender = socket(AF_NETLINK, SOCK_RAW, NETLINK_KOBJECT_UEVENT);
     sockaddr_nl address = {};
     address.nl_family = AF_NETLINK;

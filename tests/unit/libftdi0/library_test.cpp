@@ -21,6 +21,17 @@ TEST_F(LibraryTest, FindsTheNodePathBehindAHub) {
     EXPECT_EQ(deviceNodePath(&hub), "001/002");
     EXPECT_EQ(deviceNodePath(&unit), "001/002/003");
     EXPECT_EQ(deviceNodePath(&stranger), "");
+    {
+        hub.descriptor.bcdDevice = 0;
+        TQ5Ftdi driver;
+        for (const char* path : {"001/003", "001/002/003"}) {
+            EXPECT_TRUE(driver.openByNodePath(path));
+            EXPECT_EQ(driver.nodePath, path);
+            EXPECT_EQ(driver.isNamedByEvents(), std::string(path) == "001/003");
+            driver.close();
+        }
+        EXPECT_FALSE(driver.openByNodePath("001/009"));
+    }
     listedBus.root_dev = nullptr;
     EXPECT_EQ(deviceNodePath(&unit), "001/003");
 
