@@ -137,7 +137,7 @@ bool UeventMonitor::heardRemoval() const {
     return event.usbDevice && !event.deviceNumber.empty() && !added;
 }
 
-bool UeventMonitor::takeHeard() { return std::exchange(heard, false); }
+bool UeventMonitor::takeHeard() { return std::exchange(heard, false) || fd < 0; }
 
 bool UeventMonitor::takeOverrun(bool suspected) {
     const bool due = (overrun || suspected) && backlog.empty() && !waitReadable(&noWait);

@@ -66,7 +66,8 @@ public:
     // waitForDevice.
     bool takeStayingUnit();
 
-    // Whether anything has come at the socket since the last call.
+    // Whether anything has come at the socket since the last call; always without a socket, where
+    // nothing tells.
     bool takeHeard();
 
     // True when the caller must look what came and went: the kernel has dropped events for want
