@@ -1,5 +1,5 @@
 # Cross build for 32-bit x86 with Debian's g++-i686-linux-gnu and the libraries that
-# tools/i386-sysroot has fetched.
+# tools/sysroot has fetched.
 
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR i686)
@@ -9,11 +9,11 @@ set(CMAKE_CXX_COMPILER i686-linux-gnu-g++)
 set(i386Runtime /usr/i686-linux-gnu)
 
 set(PINWATCHD_I386_SYSROOT ${CMAKE_CURRENT_LIST_DIR}/../build/i386-sysroot
-    CACHE PATH "i386 libftdi and libusb, as tools/i386-sysroot leaves them")
+    CACHE PATH "i386 libftdi and libusb, as tools/sysroot leaves them")
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES PINWATCHD_I386_SYSROOT)
 get_filename_component(i386Sysroot ${PINWATCHD_I386_SYSROOT} ABSOLUTE)
 if(NOT EXISTS ${i386Sysroot}/complete)
-    message(FATAL_ERROR "no i386 libraries in ${i386Sysroot}: run tools/i386-sysroot on it")
+    message(FATAL_ERROR "no i386 libraries in ${i386Sysroot}: run tools/sysroot i386 on it")
 endif()
 
 set(CMAKE_LIBRARY_ARCHITECTURE i386-linux-gnu)
@@ -23,6 +23,7 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(CMAKE_CXX_STANDARD_INCLUDE_DIRECTORIES ${i386Sysroot}/usr/include)
+set(ENV{PKG_CONFIG_LIBDIR} ${i386Sysroot}/usr/lib/i386-linux-gnu/pkgconfig)
 # The place of these libraries has no business in a program.
 set(CMAKE_SKIP_RPATH ON)
 # The linker looks for what they need in turn.

@@ -10,15 +10,15 @@ packagesFor() {
     for purpose; do
         case $purpose in
         build | libftdi1)
-            echo g++ g++-i686-linux-gnu cmake ninja-build googletest libftdi1-dev libusb-1.0-0-dev
+            echo g++ g++-i686-linux-gnu cmake ninja-build pkgconf googletest libftdi1-dev mmdebstrap
             ;;&
-        build) echo libftdi-dev libusb-dev ;;
+        build) echo libftdi-dev ;;
         vm) echo qemu-system-x86 cpio xz-utils ;;
         documents) echo gettext mandoc python3 ;;
-        lifecycle) echo debootstrap lintian systemd ;;
+        lifecycle) echo lintian systemd uidmap ;;
         fuzz) echo clang "libclang-rt-$clang-dev" ;;
         analyse) echo clang-format clang-tidy cppcheck git shellcheck ;;
-        bench) echo libbenchmark-dev libinih-dev strace valgrind ;;
+        bench) echo libbenchmark-dev libinih-dev valgrind ;;
         esac
     done
 }
@@ -39,9 +39,12 @@ fi
 step=
 started=
 
-# launch COMMAND...: in the background, so that a signal to this script ends it at once.
+# launch COMMAND...: in the background, so that a signal to this script ends it at once, and in a
+# process group of its own with all that it starts.
 launch() {
+    set -m
     "$@" &
+    set +m
     started=$!
 }
 
@@ -53,24 +56,11 @@ finish() {
     return "$status"
 }
 
-# family PID: prints the process and all below it, parents first.
-family() {
-    cat /proc/[0-9]*/status 2>/dev/null | awk -v top="$1" '
-        function show(pid, n, list, i) {
-            print pid
-            n = split(below[pid], list)
-            for (i = 1; i <= n; ++i) show(list[i])
-        }
-        /^Pid:/ { pid = $2 }
-        /^PPid:/ { below[$2] = below[$2] " " pid }
-        END { show(top) }'
-}
-
-# shellcheck disable=SC2046,SC2317 # several words; called by traps
+# shellcheck disable=SC2317 # called by traps
 interrupted() {
     trap '' HUP INT TERM
     if [ -n "$started" ]; then
-        kill $(family "$started") 2>/dev/null || true
+        kill -- "-$started" 2>/dev/null || true
         wait "$started" || true
     fi
     echo "interrupted: ${step:-${0##*/}}" >&2
