@@ -32,7 +32,7 @@ constexpr const char* help =
     "\n"
     "Raises and clears alarms in the file that pinwatchd reads. SECTION is the name of their\n"
     "source, ALARM1 the alarm if none is said; clear clears both. show tells what is raised,\n"
-    "and ends with 0 for no alarm, 1 for ALARM1, 2 for ALARM2. Options stand before SECTION:\n"
+    "and ends with 0 for no alarm, 1 for ALARM1, 2 for ALARM2. Behind -- all is SECTION and TEXT.\n"
     "\n"
     "  --file FILE   the alarms file, if not the one that the daemon's settings name\n"
     "  --wait        return when a daemon with a unit must have read the change\n"
@@ -51,16 +51,16 @@ constexpr option knownOptions[] = {
     {"version", no_argument, nullptr, 'v'},    {nullptr, 0, nullptr, 0},
 };
 
-// Ends with `status`, or where what was printed did not arrive, with that.
+// Ends with `status`, or with EX_IOERR if standard output took not all that was printed.
 [[noreturn]] void finish(int status) {
     if (std::fflush(stdout) != 0 || std::ferror(stdout)) err(EX_IOERR, "standard output");
     std::exit(status);
 }
 
-// Reads options up to the next word; optind is its index then.
+// Reads all options. The other words are behind them in `argv` then, from optind on.
 void readOptions(int argc, char* argv[], Options& options) {
     for (;;) {
-        switch (getopt_long(argc, argv, "+", knownOptions, nullptr)) {
+        switch (getopt_long(argc, argv, "", knownOptions, nullptr)) {
             case -1:
                 return;
             case 'f':
@@ -86,20 +86,6 @@ void readOptions(int argc, char* argv[], Options& options) {
 
 [[noreturn]] void failUsage(const char* reason) { errx(EX_USAGE, "%s, see --help", reason); }
 
-// An option behind the section, perhaps cut short as getopt_long lets it be, would become text.
-void refuseOptions(const std::vector<std::string>& words) {
-    for (const std::string& word : words) {
-        const std::string option = word.substr(0, word.find('='));
-        if (option.size() <= 2) continue;
-        for (const auto& known : knownOptions) {
-            if (known.name && (std::string("--") + known.name).rfind(option, 0) == 0) {
-                errx(EX_USAGE, "%s stands before the section; behind 'raise --' it is text",
-                     option.c_str());
-            }
-        }
-    }
-}
-
 // The file that the daemon reads if it is started now.
 std::string fileOfSettings() {
     const IniFile settings(settingsPath, settingsOverlayPath);
@@ -119,10 +105,19 @@ const char* alarmKey(const std::string& name) {
     return nullptr;
 }
 
-SharedFile::Edit raising(const std::vector<std::string>& words) {
-    if (words.empty()) failUsage("raise needs a section");
+// Whether a text was meant for the name of an alarm: "alarm-2", "ALARM2:", or nothing but "2".
+bool isNearlyAlarm(const std::vector<std::string>& text) {
+    return strncasecmp(text[0].c_str(), "alarm", 5) == 0 ||
+           (text.size() == 1 && (text[0] == "1" || text[0] == "2"));
+}
+
+SharedFile::Edit raising(const std::vector<std::string>& words, bool verbatim) {
+    if (words.empty() || words[0].empty()) failUsage("raise needs a section");
     const std::string& section = words[0];
     const char* said = words.size() > 1 ? alarmKey(words[1]) : nullptr;
+    if (words.size() > 1 && !said && !verbatim && isNearlyAlarm({words.begin() + 1, words.end()})) {
+        failUsage("the alarm is not ALARM1 or ALARM2; behind -- it is text");
+    }
     const std::string key = said ? said : alarmKeys[0];
     const std::size_t textBegin = said ? 2 : 1;
     const bool hasText = words.size() > textBegin;
@@ -190,11 +185,9 @@ int main(int argc, char* argv[]) {
     Options options;
     readOptions(argc, argv, options);
     if (optind >= argc) failUsage("nothing to do");
-    const std::string command = argv[optind++];
-    readOptions(argc, argv, options);
-    const std::vector<std::string> words(argv + optind, argv + argc);
-    if (std::string(argv[optind - 1]) != "--") refuseOptions(words);
-
+    const bool verbatim = std::strcmp(argv[optind - 1], "--") == 0;
+    const std::string command = argv[optind];
+    const std::vector<std::string> words(argv + optind + 1, argv + argc);
     if (command != "raise" && command != "clear" && command != "show") {
         failUsage("the command is not raise, clear or show");
     }
@@ -203,7 +196,7 @@ int main(int argc, char* argv[]) {
         failUsage("show takes no words and no --wait");
     }
     SharedFile::Edit edit;
-    if (command == "raise") edit = raising(words);
+    if (command == "raise") edit = raising(words, verbatim);
     if (command == "clear") edit = clearing(words, options.all);
 
     signal(SIGALRM, onTimeout);
@@ -213,6 +206,7 @@ int main(int argc, char* argv[]) {
     if (command == "show") finish(show(path, isatty(STDOUT_FILENO) == 1));
     SharedFile file(path);
     if (!file.update(edit)) errx(file.status, "%s", file.problem.c_str());
+    if (!file.problem.empty()) warnx("%s", file.problem.c_str());
     alarm(0);
     if (options.wait) nanosleep(&waitTime, nullptr);
     return EX_OK;

@@ -77,10 +77,10 @@ int show(const std::string& path, bool terminal) {
     printOutputs(mask, terminal);
     if (exists) {
         // Not the modification time, which numbers the versions and may run ahead.
-        char since[sizeof "2026-11-25 12:00:00"];
+        char time[sizeof "2026-11-25 12:00:00"];
         tm local = {};
-        std::strftime(since, sizeof since, "%F %T", localtime_r(&status.st_ctime, &local));
-        std::printf("%s, since %s\n", path.c_str(), since);
+        std::strftime(time, sizeof time, "%F %T", localtime_r(&status.st_ctime, &local));
+        std::printf("%s, last changed %s\n", path.c_str(), time);
     } else {
         std::printf("%s does not exist; a unit keeps what it shows until it does\n", path.c_str());
     }

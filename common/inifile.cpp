@@ -8,9 +8,11 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <new>
 #include <utility>
 
 #include "trim.h"
@@ -43,6 +45,43 @@ bool readFile(const std::string& path, std::string& text) {
     const bool complete = std::feof(file.get()) != 0;
     if (locked) flock(fileno(file.get()), LOCK_UN);
     return complete;
+}
+
+// Room in memory that is held while a file is loaded. An allocation that fails gives it back, for
+// throwing takes memory too: the C++ library's own reserve is made at its start, which in a static
+// link comes after the documents. Where all was loaded, it is left for the rest of the program.
+class Reserve {
+public:
+    Reserve() : handlerBefore(std::set_new_handler(fail)) { memory = std::malloc(size); }
+    ~Reserve() {
+        giveBack();
+        std::set_new_handler(handlerBefore);
+    }
+    Reserve(const Reserve&) = delete;
+    Reserve& operator=(const Reserve&) = delete;
+
+    bool isHeld() const { return memory != nullptr; }
+
+private:
+    static constexpr std::size_t size = std::size_t{256} * 1024;
+    static void giveBack() {
+        std::free(memory);
+        memory = nullptr;
+    }
+    [[noreturn]] static void fail() {
+        giveBack();
+        throw std::bad_alloc();
+    }
+
+    static void* memory;  // one file is loaded at a time
+    std::new_handler handlerBefore;
+};
+
+void* Reserve::memory = nullptr;
+
+void listNames(const IniFile::Sections& sections, std::deque<std::string>& names) {
+    names.clear();
+    for (const auto& section : sections) names.push_back(section.first);
 }
 
 }  // namespace
@@ -102,11 +141,16 @@ IniFile::IniFile(const std::string& primary, const std::string& overlay)
 }
 
 bool IniFile::load(const std::string& path) {
+    const Reserve reserve;
+    if (!reserve.isHeld()) return false;
     try {
         std::string text;
         if (!readFile(path, text)) return false;
         Sections merged = sections;
         interpret(text, merged);
+        // Who lists the names later must find room for them.
+        std::deque<std::string> names;
+        listNames(merged, names);
         sections.swap(merged);
         return true;
     } catch (const std::exception&) {
@@ -148,6 +192,5 @@ bool IniFile::hasKey(const std::string& section, const std::string& key) const {
 }
 
 void IniFile::sectionNames(std::deque<std::string>& names) const {
-    names.clear();
-    for (const auto& section : sections) names.push_back(section.first);
+    listNames(sections, names);
 }

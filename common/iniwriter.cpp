@@ -113,19 +113,21 @@ bool IniText::remove(const std::string* section, const std::string& key) {
     bool removed = false;
     bool headerGoes = false;
     bool onlyBlanks = true;
-    for (auto line = lines.end(); line != lines.begin();) {
-        --line;
+    for (auto line = lines.rbegin(); line != lines.rend(); ++line) {
         if (line->kind == IniLine::assignment && sameName(line->key, key) &&
             (!section || sameName(line->section, *section))) {
-            line = lines.erase(line);
+            line->raw.clear();
             removed = headerGoes = true;
         } else if (line->kind == IniLine::header) {
-            if (headerGoes && onlyBlanks) line = lines.erase(line);
+            if (headerGoes && onlyBlanks) line->raw.clear();
             headerGoes = false;
             onlyBlanks = true;
         } else if (line->kind == IniLine::assignment || !line->key.empty()) {
             onlyBlanks = false;
         }
     }
+    // All at once: one by one takes the square of their number.
+    const auto isGone = [](const Line& line) { return line.raw.empty(); };
+    lines.erase(std::remove_if(lines.begin(), lines.end(), isGone), lines.end());
     return removed;
 }

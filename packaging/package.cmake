@@ -54,9 +54,7 @@ install_compressed(${here}/deb/changelog ${documentation} changelog.Debian)
 install(FILES ${here}/deb/copyright DESTINATION ${documentation})
 install(FILES ${CMAKE_SOURCE_DIR}/docs/publishing.md ${CMAKE_SOURCE_DIR}/docs/replug.md
     ${CMAKE_SOURCE_DIR}/po/pinwatchd.pot DESTINATION ${documentation})
-install(PROGRAMS ${CMAKE_SOURCE_DIR}/docs/examples/publish.sh
-    ${CMAKE_SOURCE_DIR}/docs/examples/publish.py DESTINATION ${documentation}/examples)
-install(FILES ${CMAKE_SOURCE_DIR}/docs/examples/publish.c DESTINATION ${documentation}/examples)
+install(PROGRAMS ${CMAKE_SOURCE_DIR}/docs/examples/publish.py DESTINATION ${documentation}/examples)
 install(FILES ${here}/deb/lintian-overrides DESTINATION usr/share/lintian/overrides
     RENAME pinwatchd)
 

@@ -32,6 +32,8 @@ def replace(folder, path, text):
     descriptor, new = tempfile.mkstemp(dir=folder)
     try:
         with os.fdopen(descriptor, "w") as file:
+            # Who may look into the directory may read the file.
+            os.fchmod(descriptor, os.stat(folder).st_mode & 0o666)
             file.write(text)
         # Versions are told apart by their times in whole seconds. Counting up from the version
         # before never comes back to a time that was used already.

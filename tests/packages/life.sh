@@ -59,7 +59,8 @@ pins() {
 
 # raise ALARM FILE PINS
 raise() {
-    echo "$1=1" | /usr/share/doc/pinwatchd/examples/publish.sh "$2" || fail "publish.sh"
+    expect "clear" pinwatchd-alarm --file "$2" clear --all
+    expect "raise" pinwatchd-alarm --file "$2" raise trial "$1"
     waitFor "$1 in $2" pins "$3"
 }
 
@@ -127,9 +128,8 @@ withSysvinit() {
     expect "start" $service start
 }
 
-# Others start it too, or stop it at once, or race for the directory in /tmp.
+# Others start it too, or stop it at once.
 races() {
-    local racer
     for _ in 1 2 3; do
         printf '%s\n' start start start | xargs -n 1 -P 3 $service
         expect "one daemon" daemons 1
@@ -138,23 +138,6 @@ races() {
         $service stop
         expect "stopped at once" daemons 0
     done >/trial/output
-
-    printf '[common]\nData = /tmp/orvel/data\n' >$overlay
-    touch /trial/racing
-    "${asNobody[@]}" sh -c 'while [ -e /trial/racing ]; do
-        ln -s /etc /tmp/orvel; rm /tmp/orvel; mkdir /tmp/orvel; mkfifo /tmp/orvel/data
-        rm /tmp/orvel/data; rmdir /tmp/orvel; done' 2>/dev/null &
-    racer=$!
-    for _ in 1 2 3 4 5; do
-        $service start 2>/dev/null
-        expect "directory in /tmp" mode /tmp/orvel "root:root 755"
-        expect "data directory in /tmp" mode /tmp/orvel/data "root:root 750"
-        $service stop
-        rm -r /tmp/orvel*
-    done >/trial/output
-    rm /trial/racing
-    wait $racer
-    rm -rf /tmp/orvel* $overlay
 }
 
 # ---- The life ----
@@ -166,9 +149,10 @@ listTree before
 # Another user was first in /tmp.
 mkdir /tmp/orvel
 chown nobody /tmp/orvel
-mkfifo /tmp/orvel/data
 expect "install 1.0.0" dpkg -i first.deb
-expect "put aside" rm -r /tmp/orvel-aside.*
+expect "not touched" mode /tmp/orvel "nobody:root 755"
+rmdir /tmp/orvel
+expect "restart" service pinwatchd restart
 expect "data directory in /tmp" mode /tmp/orvel/data "root:root 750"
 waitFor "started" daemons 1
 # After the daemon's start: it may use what it could not name by then.
@@ -188,10 +172,9 @@ waitFor "restarted" restartedFrom "$pid"
 expect "whole" dpkg -V pinwatchd
 expect "settings" mode $settings "root:root 640"
 expect "overlay's directory" mode ${overlay%/*} "root:root 750"
+waitFor "the alarm as before" pins 01
+expect "the old path leads there" test -e /run/orvel/alarms
 raise ALARM2 /tmp/orvel/data/alarms 02
-rm $overlay
-service pinwatchd restart
-waitFor "no alarm in the package's own directory" pins 03
 expect "its mode" mode /run/orvel "root:root 750"
 
 # What mktemp leaves: readable for the publisher alone.
@@ -200,6 +183,7 @@ chmod 600 new
 chown nobody new
 mv new /run/orvel/alarms
 waitFor "ALARM2 in a file of nobody's own" pins 02
+rm /run/orvel/alarms
 raise ALARM1 /run/orvel/alarms 01
 echo "unplug 0" >&8
 waitFor "unplugged" test ! -e /sys/bus/usb/devices/1-1
@@ -231,9 +215,12 @@ rm -rf /tmp/orvel
 mkdir /trial/elsewhere /tmp/orvel
 touch /trial/elsewhere/alarms
 ln -s /trial/elsewhere /tmp/orvel/data
+# One who may write there makes the file a directory.
+rm /run/orvel/alarms
+mkdir /run/orvel/alarms
 expect "purge" dpkg -P pinwatchd
 expect "link not followed" test -e /trial/elsewhere/alarms
-rm -r /tmp/orvel
+rm -r /run/orvel
 listTree after
 expect "nothing left behind" diff tree.before tree.after
 echo lived
