@@ -89,6 +89,7 @@ file(STRINGS ${here}/deb/changelog signature REGEX "^ -- .*>  " LIMIT_COUNT 1)
 string(REGEX MATCH "[^ -].*>" CPACK_DEBIAN_PACKAGE_MAINTAINER ${signature})
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${here}/deb/changelog)
 set(CPACK_PROJECT_CONFIG_FILE ${here}/packtime.cmake)
+set(CPACK_POST_BUILD_SCRIPTS ${here}/shared-directories.cmake)
 # Written out, as dpkg-shlibdeps cannot see a cross build's libraries; packtime.cmake adds libc.
 if(PINWATCHD_LIBFTDI1)
     set(CPACK_DEBIAN_PACKAGE_DEPENDS "libftdi1-2 (>= 1.5), libusb-1.0-0 (>= 2:1.0.22)")
@@ -99,6 +100,7 @@ set(CPACK_PINWATCHD_PROGRAMS ${CMAKE_BINARY_DIR}/pinwatchd
     ${CMAKE_BINARY_DIR}/pinwatchd-alarm)
 set(CPACK_PINWATCHD_READELF ${CMAKE_READELF})
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
-    ${here}/deb/conffiles ${here}/deb/postinst ${here}/deb/prerm ${here}/deb/postrm)
+    ${here}/deb/conffiles ${here}/deb/preinst ${here}/deb/postinst ${here}/deb/prerm
+    ${here}/deb/postrm)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 include(CPack)

@@ -67,7 +67,7 @@ raise() {
 listTree() {
     {
         find / -xdev \( -path /trial -o -path /var/lib/dpkg -o -path /var/lib/systemd -o -path /var/log \
-            -o -path /var/cache -o -name '.depend.*' \) -prune -o ! -path /opt ! -path /var/opt ! -path /tmp ! -path /run \
+            -o -path /var/cache -o -name '.depend.*' \) -prune -o ! -path /tmp ! -path /run \
             -printf '%y %m %u:%g %p %l\n' -type f -exec md5sum {} +
         find /run /tmp \( -name '*pinwatchd*' -o -name '*orvel*' \)
     } | sort >"/trial/tree.$1"
