@@ -110,6 +110,7 @@ withSysvinit() {
     local pid
     pid=$(cat /run/pinwatchd.pid)
     expect "status for all" "${asNobody[@]}" $service status
+    expect "start for root alone" hasStatus 4 "${asNobody[@]}" $service start
     # Bit 12 of the ignored signals is SIGPIPE.
     expect "SIGPIPE ignored" test $((0x$(sed -n 's/^SigIgn:\s*//p' "/proc/$pid/status") >> 12 & 1)) -eq 1
     expect "limited memory" grep -q 'Max data size *33554432 ' "/proc/$pid/limits"
