@@ -184,7 +184,7 @@ export program file
 if unshare --mount --map-root-user true 2>/dev/null; then
     unshare --mount --map-root-user bash -euc 'as=() version=0 before=none && fullDisk'
 else
-    echo "no full disk tried: needs user namespaces" >&2
+    echo "command.sh: skipped, the full disk: needs user namespaces" >&2
 fi
 
 # Many at once, some of them killed: no change is lost, and a reader always finds the whole file.

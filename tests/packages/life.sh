@@ -31,9 +31,9 @@ expect() {
     "$@" >/trial/output 2>&1 || fail "$text: not true: $*"
 }
 
-# waitFor TEXT COMMAND...: up to a minute, for the machine may be busy.
+# waitFor TEXT COMMAND...: up to three minutes, for the machine may be busy.
 waitFor() {
-    local text=$1 deadline=$((SECONDS + 60))
+    local text=$1 deadline=$((SECONDS + 180))
     shift
     until "$@"; do
         [ $SECONDS -lt $deadline ] || fail "$text"
