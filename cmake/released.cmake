@@ -8,9 +8,14 @@ add_compile_options(-fstack-protector-strong -fstack-clash-protection -Wformat-s
     # Works, and is not warned of, only where the compiler optimises.
     $<$<CONFIG:RelWithDebInfo>:-U_FORTIFY_SOURCE> $<$<CONFIG:RelWithDebInfo>:-D_FORTIFY_SOURCE=2>)
 add_link_options(-Wl,-z,relro -Wl,-z,now)
+# Against forged jumps, by x86 and ARM. Not on 32 bits: Linux does not enforce it there, and some
+# processors know no endbr32.
 if(CMAKE_SIZEOF_VOID_P EQUAL 8)
-    # Not on i386: Linux does not enforce it there, and some 32-bit processors know no endbr32.
-    add_compile_options(-fcf-protection)
+    include(CheckCXXCompilerFlag)
+    check_cxx_compiler_flag(-fcf-protection PINWATCHD_CF_PROTECTION)
+    check_cxx_compiler_flag(-mbranch-protection=standard PINWATCHD_BRANCH_PROTECTION)
+    add_compile_options($<$<BOOL:${PINWATCHD_CF_PROTECTION}>:-fcf-protection>
+        $<$<BOOL:${PINWATCHD_BRANCH_PROTECTION}>:-mbranch-protection=standard>)
 endif()
 
 # The little that the daemon uses of the C++ library is linked into it: with the whole library

@@ -33,12 +33,25 @@ install(FILES ${here}/orvel.conf DESTINATION opt/orvel/etc
 install(DIRECTORY DESTINATION var/opt/orvel/etc
     DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE)
 
-# On a system for amd64 an i386 program's calls are not the native ones.
-file(READ ${here}/pinwatchd.service service)
-if(CMAKE_SIZEOF_VOID_P EQUAL 4)
-    string(REPLACE "SystemCallArchitectures=native" "SystemCallArchitectures=x86" service
-        "${service}")
+# The machine that the compiler builds for, as Debian calls it, and as systemd calls its system calls:
+# on a 64-bit system those of a 32-bit program are not the native ones.
+separate_arguments(flags NATIVE_COMMAND "${CMAKE_CXX_FLAGS}")
+execute_process(COMMAND ${CMAKE_CXX_COMPILER} ${flags} -dM -E -x c++ /dev/null
+    OUTPUT_VARIABLE macros COMMAND_ERROR_IS_FATAL ANY)
+set(calls native)
+if(macros MATCHES "__x86_64__")
+    set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE amd64)
+elseif(macros MATCHES "__i386__")
+    set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE i386)
+    set(calls x86)
+elseif(macros MATCHES "__aarch64__")
+    set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE arm64)
+elseif(macros MATCHES "__ARM_PCS_VFP")
+    set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE armhf)
+    set(calls arm)
 endif()
+file(READ ${here}/pinwatchd.service service)
+string(REPLACE "SystemCallArchitectures=native" "SystemCallArchitectures=${calls}" service "${service}")
 file(WRITE ${CMAKE_BINARY_DIR}/pinwatchd.service "${service}")
 install(FILES ${CMAKE_BINARY_DIR}/pinwatchd.service ${here}/pinwatchd-alarm@.service
     DESTINATION usr/lib/systemd/system)
@@ -74,9 +87,7 @@ file(STRINGS ${here}/deb/changelog signature REGEX "^ -- .*>  " LIMIT_COUNT 1)
 string(REGEX MATCH "[^ -].*>" CPACK_DEBIAN_PACKAGE_MAINTAINER ${signature})
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${here}/deb/changelog)
 set(CPACK_PROJECT_CONFIG_FILE ${here}/packtime.cmake)
-if(CMAKE_SIZEOF_VOID_P EQUAL 4)
-    set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE i386)
-endif()
+set(CPACK_POST_BUILD_SCRIPTS ${here}/shared-directories.cmake)
 # Written out, as dpkg-shlibdeps cannot see a cross build's libraries; packtime.cmake adds libc.
 if(PINWATCHD_LIBFTDI1)
     set(CPACK_DEBIAN_PACKAGE_DEPENDS "libftdi1-2 (>= 1.5), libusb-1.0-0 (>= 2:1.0.22)")
@@ -87,6 +98,7 @@ set(CPACK_PINWATCHD_PROGRAMS ${CMAKE_BINARY_DIR}/pinwatchd
     ${CMAKE_BINARY_DIR}/pinwatchd-alarm)
 set(CPACK_PINWATCHD_READELF ${CMAKE_READELF})
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
-    ${here}/deb/conffiles ${here}/deb/postinst ${here}/deb/prerm ${here}/deb/postrm)
+    ${here}/deb/conffiles ${here}/deb/preinst ${here}/deb/postinst ${here}/deb/prerm
+    ${here}/deb/postrm)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 include(CPack)

@@ -164,7 +164,7 @@ export program file
 if unshare --mount --map-root-user true 2>/dev/null; then
     unshare --mount --map-root-user bash -euc 'as=() && fullDisk'
 else
-    echo "no full disk tried: needs user namespaces" >&2
+    echo "command.sh: skipped, the full disk: needs user namespaces" >&2
 fi
 
 # ---- Whose the file is ----

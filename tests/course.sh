@@ -20,12 +20,12 @@ alarm 03 '[ALARM1]\nother=ALARM2'
 badFile 03 true
 badFile 03 head -c 3000 /opt/orvel/bin/pinwatchd
 badFile 03 printf '[a]\0\nALARM1\0=\0\n\0=\0[\0'
-badFile 01 longLine 20
+badFile 01 longLine 5
 noFile true
 noFile mkdir "$alarmsFile"
 noFile ln -s alarms "$alarmsFile"
 locked "$alarmsFile"
-sources 20
+sources 6
 settings 3 rm "$settingsFile"
 settings 0 locked "$settingsFile"
 settings 2 overlay '[CU/Params/3]\nlogdebug=2'
@@ -63,7 +63,10 @@ refuse stall 0b 'ftdi_set_bitmode failed' unheard replug 0
 END
 )
 
-limit=60 # seconds for what takes one or two on a machine that has the time
+# README's figures times two, in ms: from plugging in to the pins, mean; from the alarm, mean and longest.
+plugMean=1070 alarmMean=1046 alarmLongest=2040
+timely=2 # naps that are so many hundredths of a second too long are those of a machine that has the time
+times=/run/times
 overlayFile=/var/opt/orvel/etc/orvel.conf
 cycle='wait for vid=0000'
 
@@ -93,6 +96,8 @@ longLine() {
 # noFile COMMAND...: the alarms file is gone, and the command makes what is no file. The pins stay,
 # and a new connection begins without an alarm.
 noFile() {
+    local before
+    before=$(secondOf "$alarmsFile")
     rm "$alarmsFile"
     "$@"
     alone cycles 2
@@ -101,14 +106,18 @@ noFile() {
     mask=0
     await shown
     rm -rf "$alarmsFile"
+    # What is published next must not have the time of the file that was removed.
+    touch -d "@$before" "$alarmsFile"
 }
 
 # locked FILE: a writer locks the file, empties it, and takes its time.
 locked() {
+    local before
+    before=$(secondOf "$1")
     exec 9<>"$1"
     flock 9
     : >"$1"
-    stampFile "$1"
+    stampFile "$1" "$before"
     pause 3000
     expect shown
     [ "$1" != "$alarmsFile" ] || mask=0
@@ -117,14 +126,14 @@ locked() {
     await shown
 }
 
-# sources N: so many raise and clear alarms at once, each ten times. The alarm of another one stays at
+# sources N: so many raise and clear alarms at once, each three times. The alarm of another one stays at
 # the pins meanwhile, and no change is lost.
 sources() {
     local source running='' pins
     alarm 02 '[other]\nALARM2='
     pins=$(tail -n 1 "$simLog")
     for source in $(seq "$1"); do
-        for turn in 1 2 3 4 5; do
+        for turn in 1 2 3; do
             [ $((source % 2)) -eq 0 ] || pinwatchd-alarm raise "source $source" ALARM1 $turn
             pinwatchd-alarm clear "source $source"
             [ $((source % 2)) -eq 1 ] || pinwatchd-alarm raise "source $source" ALARM1 $turn
@@ -137,7 +146,7 @@ sources() {
     pinwatchd-alarm clear other
     mask=1
     await shown
-    expect [ "$(pinwatchd-alarm show | grep -c '^\[source [0-9]*[02468]\]$\|^    ALARM1 5$')" -eq "$1" ]
+    expect [ "$(pinwatchd-alarm show | grep -c '^\[source [0-9]*[02468]\]$\|^    ALARM1 3$')" -eq "$1" ]
     expect [ "$(grep -c . "$alarmsFile")" -eq "$1" ]
 }
 
@@ -146,12 +155,21 @@ settings() {
     local level=$1
     shift
     "$@"
-    usleep 2500000
-    : >"$sysLog"
+    # A cycle reads the settings before the alarms, and waits once the pins are written.
     show
-    usleep 1200000
-    alone expect [ "$(logged 'using bitmask' && echo 1)" = "$([ "$level" -lt 2 ] || echo 1)" ]
-    alone expect [ "$(logged "$cycle" && echo 1)" = "$([ "$level" -lt 3 ] || echo 1)" ]
+    clearLog
+    show
+    show
+    if [ "$level" -ge 2 ]; then
+        alone await logged 'using bitmask'
+    else
+        alone expectNot logged 'using bitmask'
+    fi
+    if [ "$level" -ge 3 ]; then
+        alone await logged "$cycle"
+    else
+        alone expectNot logged "$cycle"
+    fi
     rm -f "$overlayFile"
     writeSettings "$normalSettings"
     await logged "$cycle"
@@ -177,7 +195,12 @@ restart() {
     expect daemonEndedWith "$2"
     expect pinsAre 0 "$pins"
     # Only an orderly end says so.
-    expect [ "$(logged "$daemonPid]: close FTDI device" && echo 0)" = "$([ "$2" != 0 ] || echo 0)" ]
+    settleLog
+    if [ "$2" = 0 ]; then
+        expect logged "$daemonPid]: close FTDI device"
+    else
+        expectNot logged "$daemonPid]: close FTDI device"
+    fi
     startDaemon --ignore-sigpipe
 }
 
@@ -228,12 +251,12 @@ event() {
 turnAway() {
     mayReopen=1
     unplug
-    : >"$sysLog"
-    echo "plug 0 $1" >&8
-    sim stall 0 "$2"
+    clearLog
+    # At once, for the daemon may be quicker than this script.
+    printf 'plug 0 %s\nstall 0 %s\n' "$1" "$2" >&8
     isTurnedAway "$3"
     stopDaemon
-    : >"$sysLog"
+    clearLog
     startDaemon --ignore-sigpipe
     isTurnedAway "$3"
     replug 0
@@ -327,10 +350,6 @@ beside() {
 
 # ---- Checks ----
 
-await() {
-    waitFor "$limit" "$@"
-}
-
 # alone COMMAND...: the command, unless a second fault is going on.
 alone() {
     [ -n "$second" ] || "$@"
@@ -346,13 +365,14 @@ random() {
 pause() {
     r=$1
     [ -z "$soaking" ] || random $((2 * $1 + 1))
-    usleep $((r * 1000))
+    nap "$r"
 }
 
 # cycles N [MESSAGE]: waits for N more of the loop's cycles, or lines of the message, and sees that
 # they come about once a second at most.
 cycles() {
     local text=${2:-$cycle} began lines
+    settleLog
     uptimeCs
     began=$uptime
     lines=$(timesLogged "$text")
@@ -394,20 +414,21 @@ openedOnce() {
 # itself faster than its pace of once a second, and is as large as before.
 calm() {
     local last worst began
-    # For what is still on its way: events in the daemon's socket, messages to the log.
+    # For what is still on its way: events in the daemon's socket.
     usleep 500000
+    settleLog
     [ -n "$mayReopen" ] || expect openedOnce
     last=$(tail -n 1 "$simLog")
     touch -a -d @1000000000 "$alarmsFile"
+    clearLog
     uptimeCs
     began=$uptime
-    : >"$sysLog"
     usleep 2200000
     expect test -e "/proc/$daemonPid/exe"
     expect shown
     expect [ "$(tail -n 1 "$simLog")" = "$last" ]
     expect [ "$(stat -c %X "$alarmsFile")" -eq 1000000000 ]
-    expect logged "$cycle"
+    await logged "$cycle"
     uptimeCs
     worst=$(sed 's/^.\{16\}//; s/\[[0-9]*\]//' "$sysLog" | sort | uniq -c | sort -rn | head -n 1)
     # shellcheck disable=SC2086 # count and message
@@ -417,8 +438,30 @@ calm() {
     fds=$(find "/proc/$daemonPid/fd" | wc -l)
     [ -n "${firstPrivate:-}" ] || firstPrivate=$private firstFds=$fds
     # Room for a heap that is cut up in another way.
-    expect [ "$private" -le $((firstPrivate * 2)) ]
+    [ -n "$mayGrow" ] || expect [ "$private" -le $((firstPrivate * 2)) ]
     expect [ "$fds" -eq "$firstFds" ]
+}
+
+# took NAME BEGIN END: notes the times between two lines of the unit's log, by the unit's clock, and
+# how late this machine was meanwhile.
+took() {
+    awk -v name="$1" -v from="$2" -v to="$3" -v late="$late" '
+        $0 ~ from { began = $1 }
+        / unplugged/ { began = "" }
+        began && $0 ~ to { print name, int(($1 - began) * 1000), late; began = "" }' "$simLog" >>"$times"
+    late=0
+}
+
+# quickEnough NAME MEAN LONGEST: prints the times of that name, and fails where they are longer. Those
+# when the machine was late itself do not count.
+quickEnough() {
+    awk -v name="$1" -v timely="$timely" -v mean="$2" -v longest="$3" '
+        $1 == name { ++all }
+        $1 == name && $3 <= timely { ++n; sum += $2; if ($2 > top) top = $2 }
+        END { printf "%s to pins: %d times, %d of them on a machine with time", name, all, n
+            if (n) printf ": mean %d ms, longest %d ms", sum / n, top
+            print ""
+            exit n >= 3 && (sum / n > mean || top > longest) }' "$times" || fail "too slow"
 }
 
 # ---- The course ----
@@ -432,11 +475,19 @@ run() {
     second='' mayReopen=''
     tail -n 1 "$simLog" >"$simLog.last"
     cat "$simLog.last" >"$simLog"
-    : >"$sysLog"
+    clearLog
+    late=0
     eval "$1"
     show
+    case $1 in replug*) took plug ' plugged ' ' pins=0' ;; esac
     writes=$(grep -c ' bit mode ' "$simLog")
+    # At any moment of the daemon's cycle.
+    random 1000
+    nap "$r"
+    sim pins 0 auto
+    late=0
     show
+    took alarm ' pins auto$' ' bit mode '
     [ -n "$mayReopen" ] || expect [ "$(grep -c ' bit mode ' "$simLog")" -eq $((writes + 1)) ]
     calm
     uptimeCs
@@ -448,7 +499,7 @@ lineOf() {
     echo "$table" | sed -n "${1}p"
 }
 
-soaking='' only='' lines=0 mask=0
+soaking='' only='' mayGrow='' lines=0 mask=0
 [ "${1:-}" != --only ] || {
     only=$2
     shift 2
@@ -456,6 +507,7 @@ soaking='' only='' lines=0 mask=0
 seconds=${1:-0} seed=${2:-1}
 # For a build with sanitizers: what is freed is kept from being used again, but not for ever.
 export ASAN_OPTIONS=quarantine_size_mb=1
+! grep -q AddressSanitizer /opt/orvel/bin/pinwatchd || mayGrow=1
 startInstallation
 normalSettings=$(cat "$settingsFile")
 plugAndWait 0
@@ -466,8 +518,13 @@ while [ "$number" -lt "$count" ]; do
     number=$((number + 1))
     case $(lineOf $number) in *"$only"*) run "$(lineOf $number)" ;; esac
 done
-soaking=1
 firstPrivate=$private # the heap has seen all there is
+if [ -n "$mayGrow" ]; then
+    mayGrow=''
+    run 'badFile 01 longLine 5'
+    run 'replug 0 1500 0 1500 0'
+fi
+soaking=1
 while uptimeCs && [ $((uptime / 100)) -lt "$seconds" ]; do
     line=
     for prefix in 'beside 2 product=Cable' underFlood suspended; do
@@ -480,4 +537,6 @@ done
 stopDaemon
 expect daemonEndedWith 0
 expect pinsAre 0 floating
+quickEnough alarm $alarmMean $alarmLongest
+quickEnough plug $plugMean $alarmLongest
 echo "passed: $lines faults"

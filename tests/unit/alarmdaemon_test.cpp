@@ -148,6 +148,11 @@ TEST_F(AlarmDaemonTest, LooksForTheNodeOnceAllEventsAreHandled) {
                   reported ? "find open 3 3 close wait end"
                            : "find open 3 gone close wait rescan find open 3 off close end");
     }
+    // It left during the opening.
+    putNode(true);
+    world.results["bitmode"] = {-1};
+    EXPECT_EQ(run({{"open", [&] { putNode(false); }}, {"<7>wait device inserted", stop}}),
+              "find open 3 gone close wait end");
     // Where there was no node at the opening, nothing can be told.
     world.results["bitmode"] = {-1};
     EXPECT_EQ(run({{"bitmode", [] {}}, {"bitmode", [] {}}, {cycle, stop}}),

@@ -5,7 +5,9 @@
 #include <climits>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <new>
+#include <utility>
 
 #include "alarmmask.h"
 #include "conversions.h"
@@ -16,10 +18,14 @@ namespace {
 // The allocation that fails: 0 for the next one; negative for none.
 int allocationsLeft = -1;
 
+// Called once, at the next allocation.
+std::function<void()> onAllocation;
+
 }  // namespace
 
 // Not inlined, or gcc takes the pair for mismatched where it sees only one half.
 __attribute__((noinline)) void* operator new(std::size_t size) {
+    if (onAllocation) std::exchange(onAllocation, nullptr)();
     if (allocationsLeft >= 0 && allocationsLeft-- == 0) throw std::bad_alloc();
     if (void* memory = std::malloc(size)) return memory;
     throw std::bad_alloc();
@@ -128,6 +134,16 @@ TEST_F(IniFileTest, ReloadsWhatChanged) {
     document.reloadIfChanged();
     EXPECT_EQ(text(document), "epochO-");
     EXPECT_EQ(document.primaryMtime, 0);
+
+    // A version that comes while the one before is read is not taken for that one.
+    write("primary", "a=old", 20);
+    onAllocation = [&] {
+        std::filesystem::rename(write("new", "a=new", 21), folder + "/primary");
+    };
+    document.reloadIfChanged();
+    document.reloadIfChanged();
+    EXPECT_EQ(text(document), "newO-");
+    EXPECT_EQ(document.primaryMtime, 21);
 }
 
 TEST_F(IniFileTest, LeavesTheDocumentWhenMemoryRunsOut) {
