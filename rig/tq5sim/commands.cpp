@@ -50,7 +50,8 @@ bool parsePlugOption(const std::string& word, UnitOptions& options, std::string&
     const std::string value = word.substr(equals + 1);
     if (name == "product") {
         if (value.size() > maxProductLength || !isPrintable(value)) {
-            error = "product takes at most 36 printable ASCII characters";
+            error = "product takes at most " + std::to_string(maxProductLength) +
+                    " printable ASCII characters";
             return false;
         }
         options.product = value;

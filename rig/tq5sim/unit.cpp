@@ -41,7 +41,7 @@ Bytes configurationBytes(const Eeprom& eeprom) {
     return {
         // Configuration 1: 32 bytes in all.
         9, configurationDescriptor, 32, 0, 1, 1, 0,
-        eeprom.byte(attributesByte), eeprom.byte(maxPowerByte),
+        eeprom.byte(Eeprom::attributesByte), eeprom.byte(Eeprom::maxPowerByte),
         // Interface 0, vendor-specific, two endpoints.
         9, 4, 0, 0, 2, 0xff, 0xff, 0xff, productString,
         // Bulk IN 1 and bulk OUT 2, 64 bytes a packet.
@@ -50,9 +50,9 @@ Bytes configurationBytes(const Eeprom& eeprom) {
 }
 
 Bytes deviceBytes(const Eeprom& eeprom, std::uint16_t bcdDevice) {
-    const std::uint16_t vendorId = eeprom.word(vendorIdWord);
-    const std::uint16_t productId = eeprom.word(productIdWord);
-    const std::uint8_t serial = (eeprom.byte(optionsByte) & hasSerial) != 0 ? serialString : 0;
+    const std::uint16_t vendorId = eeprom.word(Eeprom::vendorIdWord);
+    const std::uint16_t productId = eeprom.word(Eeprom::productIdWord);
+    const std::uint8_t serial = (eeprom.byte(Eeprom::optionsByte) & Eeprom::hasSerial) != 0 ? serialString : 0;
     return {18, deviceDescriptor,
             0x00, 0x02,  // USB 2.00
             0, 0, 0,     // class, subclass, protocol: the interface gives them

@@ -19,8 +19,8 @@ struct UnitOptions {
 constexpr char factoryProduct[] = "FT232R USB UART";
 constexpr std::uint16_t factoryCbusFunctions = 0x1023;
 
-// What the EEPROM holds beside the manufacturer and a serial number of eight characters.
-constexpr std::size_t maxProductLength = 36;
+// What the EEPROM has room for beside a serial number of eight characters.
+constexpr std::size_t maxProductLength = Eeprom::maxStringsLength - 8;
 
 enum class Level { low, high, floating };
 
@@ -40,7 +40,7 @@ public:
     void powerUp();
 
     std::string product() const;
-    std::uint16_t cbusFunctions() const { return loaded.word(cbusFunctionsWord); }
+    std::uint16_t cbusFunctions() const { return loaded.word(Eeprom::cbusFunctionsWord); }
     std::uint16_t bcdDevice() const { return release; }
 
     // Answers a request: the standard ones, and the vendor requests of libftdi.
