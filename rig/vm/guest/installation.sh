@@ -132,9 +132,9 @@ startSim() {
 }
 
 # sim COMMAND...: gives tq5sim a command (see tq5sim --help) and waits until it is done.
-# A word may hold blanks: sim plug 0 product="USB Serial"
+# Arguments with blanks need tq5sim's own double quotes: sim plug 0 'product="some other"'
 sim() {
-    local answer count word line=''
+    local answer count
     # What is written for a tq5sim that has ended would end this shell.
     if ! pidof tq5sim >/dev/null; then
         fail "tq5sim has ended; startSim starts it again"
@@ -149,11 +149,7 @@ sim() {
     esac
     answer="^[0-9.]* unit $2:.*\\($answer\\)\\|^error:"
     count=$(grep -c "$answer" "$simLog")
-    for word; do
-        # tq5sim's own double quotes may be there already.
-        line="$line \"$(printf %s "$word" | tr -d '"')\""
-    done
-    echo "$line" >&8
+    echo "$*" >&8
     # A unit that left while it was reset keeps its port for five seconds.
     [ "$1" = quit ] || waitFor 15 simAnswered "$answer" "$count"
     ! tail -n 1 "$simLog" | grep -q '^error:' || fail "tq5sim: $(tail -n 1 "$simLog")"
