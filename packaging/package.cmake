@@ -66,8 +66,10 @@ install_compressed(${CMAKE_SOURCE_DIR}/CHANGELOG.md ${documentation} changelog)
 install_compressed(${here}/deb/changelog ${documentation} changelog.Debian)
 install(FILES ${here}/deb/copyright DESTINATION ${documentation})
 install(FILES ${CMAKE_SOURCE_DIR}/docs/publishing.md ${CMAKE_SOURCE_DIR}/docs/replug.md
+    ${CMAKE_SOURCE_DIR}/docs/unit.md
     ${CMAKE_SOURCE_DIR}/po/pinwatchd.pot DESTINATION ${documentation})
 install(PROGRAMS ${CMAKE_SOURCE_DIR}/docs/examples/publish.py DESTINATION ${documentation}/examples)
+install(FILES ${CMAKE_SOURCE_DIR}/docs/examples/tq5.conf DESTINATION ${documentation}/examples)
 install(FILES ${here}/deb/lintian-overrides DESTINATION usr/share/lintian/overrides
     RENAME pinwatchd)
 
@@ -94,6 +96,7 @@ if(PINWATCHD_LIBFTDI1)
 else()
     set(CPACK_DEBIAN_PACKAGE_DEPENDS "libftdi1 (>= 0.20), libusb-0.1-4 (>= 2:0.1.12)")
 endif()
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS ftdi-eeprom)
 set(CPACK_PINWATCHD_PROGRAMS ${CMAKE_BINARY_DIR}/pinwatchd
     ${CMAKE_BINARY_DIR}/pinwatchd-alarm)
 set(CPACK_PINWATCHD_READELF ${CMAKE_READELF})

@@ -60,6 +60,8 @@ refuse stall 0c 'ftdi_read_pins failed: ' obey
 refuse pins 02 'set FTDI device pins failed: expected=01, current=02' obey
 refuse stall 0b 'ftdi_set_bitmode failed' replug 0
 refuse stall 0b 'ftdi_set_bitmode failed' unheard replug 0
+turnAway 'blank product=TQ-5' none 'cbus functions (cbus0=3, cbus1=2) are not configured'
+program blank "unknown FTDI device 'FT232R USB UART'"
 END
 )
 
@@ -259,7 +261,27 @@ turnAway() {
     clearLog
     startDaemon --ignore-sigpipe
     isTurnedAway "$3"
+    unplug
+    sim plug 0 eeprom=10aa
+}
+
+# program OPTIONS MESSAGE: a module with these options is turned away with the message, until
+# ftdi_eeprom has made it a unit.
+program() {
+    mayReopen=1
+    unplug
+    : >"$sysLog"
+    echo "plug 0 $1" >&8
+    isTurnedAway "$2"
+    await flashed
     replug 0
+    await logged "opened FTDI device 'TQ-5 alarm unit'"
+}
+
+# The daemon may hold the unit for the moment in which it looks at it.
+flashed() {
+    (cd /tmp && ftdi_eeprom --flash-eeprom /usr/share/doc/pinwatchd/examples/tq5.conf) |
+        grep -q 'FTDI write eeprom: 0'
 }
 
 isTurnedAway() {

@@ -40,12 +40,18 @@ bool isPrintable(const std::string& text) {
 }
 
 bool parsePlugOption(const std::string& word, UnitOptions& options, std::string& error) {
+    if (word == "blank") {
+        options.product = factoryProduct;
+        options.cbusFunctions = factoryCbusFunctions;
+        return true;
+    }
     const std::size_t equals = word.find('=');
     const std::string name = equals == std::string::npos ? "" : word.substr(0, equals);
     const std::string value = word.substr(equals + 1);
     if (name == "product") {
         if (value.size() > maxProductLength || !isPrintable(value)) {
-            error = "product takes at most 126 printable ASCII characters";
+            error = "product takes at most " + std::to_string(maxProductLength) +
+                    " printable ASCII characters";
             return false;
         }
         options.product = value;
@@ -57,11 +63,11 @@ bool parsePlugOption(const std::string& word, UnitOptions& options, std::string&
             error = "'" + word + "' needs up to four hex digits";
             return false;
         }
-        (name == "bcd" ? options.bcdDevice : options.eepromWord10) =
+        (name == "bcd" ? options.bcdDevice : options.cbusFunctions) =
             static_cast<std::uint16_t>(number);
         return true;
     }
-    error = "unknown option '" + word + "' (product=, bcd=, eeprom=)";
+    error = "unknown option '" + word + "' (blank, product=, bcd=, eeprom=)";
     return false;
 }
 
@@ -87,7 +93,7 @@ bool parseCommand(const std::string& line, Command& command, std::string& error)
         const char* usage;
     };
     static constexpr Form forms[] = {
-        {"plug", Command::Kind::plug, 2, 5, "plug N [product=TEXT] [bcd=HEX] [eeprom=HEX]"},
+        {"plug", Command::Kind::plug, 2, 6, "plug N [blank] [product=TEXT] [bcd=HEX] [eeprom=HEX]"},
         {"unplug", Command::Kind::unplug, 2, 2, "unplug N"},
         {"stall", Command::Kind::stall, 3, 3, "stall N REQUEST|none"},
         {"pins", Command::Kind::pins, 3, 3, "pins N HEX|auto"},
@@ -112,9 +118,10 @@ bool parseCommand(const std::string& line, Command& command, std::string& error)
         error = "'" + words[1] + "' is not a unit number (0 to 99)";
         return false;
     }
-    if (parsed.kind == Command::Kind::plug) {
+    if (parsed.kind == Command::Kind::plug && words.size() > 2) {
+        parsed.options.emplace();
         for (std::size_t i = 2; i < words.size(); ++i) {
-            if (!parsePlugOption(words[i], parsed.options, error)) {
+            if (!parsePlugOption(words[i], *parsed.options, error)) {
                 return false;
             }
         }

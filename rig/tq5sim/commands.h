@@ -10,10 +10,10 @@
 struct Command {
     enum class Kind { none, plug, unplug, stall, pins, quit };
 
-    Kind kind = Kind::none;            // none: an empty line
-    unsigned unit = 0;                 // for plug, unplug, stall and pins
-    UnitOptions options;               // for plug
-    std::optional<std::uint8_t> byte;  // for stall and pins; without a value: none, auto
+    Kind kind = Kind::none;              // none: an empty line
+    unsigned unit = 0;                   // for plug, unplug, stall and pins
+    std::optional<UnitOptions> options;  // for plug; without one, the unit that was there last
+    std::optional<std::uint8_t> byte;    // for stall and pins; without a value: none, auto
 };
 
 // Reads a line without its line feed. Words are separated by blanks; a blank between double

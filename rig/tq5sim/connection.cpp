@@ -15,7 +15,7 @@ bool wouldBlock() { return errno == EAGAIN || errno == EINTR; }
 
 }  // namespace
 
-Connection::Connection(int socketFd, const Unit& playedUnit) : socket(socketFd), unit(playedUnit) {}
+Connection::Connection(int socketFd, Unit& playedUnit) : socket(socketFd), unit(playedUnit) {}
 
 Connection::~Connection() { close(socket); }
 

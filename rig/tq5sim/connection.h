@@ -10,8 +10,8 @@
 // A unit and the socket through which the kernel's controller talks to it.
 class Connection {
 public:
-    // Takes over the non-blocking stream socket and closes it at its end.
-    Connection(int socketFd, const Unit& unit);
+    // Takes over the non-blocking stream socket and closes it at its end. The unit must outlive it.
+    Connection(int socketFd, Unit& unit);
     ~Connection();
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
@@ -29,7 +29,7 @@ public:
     bool hasToSend() const { return !outgoing.empty(); }
 
     const int socket;
-    Unit unit;
+    Unit& unit;
 
 private:
     Bytes answer(const UsbipCommand& command, std::string& event);

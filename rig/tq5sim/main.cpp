@@ -30,12 +30,18 @@ constexpr char help[] =
     "module vhci-hcd. Reads commands from standard input, one a line, until quit or the end of\n"
     "the input; then all units leave.\n"
     "\n"
-    "  plug N [product=TEXT] [bcd=HEX] [eeprom=HEX]\n"
-    "                  attach unit N to port N of the controller (from 0). Defaults:\n"
-    "                  product=\"TQ-5 alarm unit\" bcd=0600 eeprom=00aa (EEPROM word 10)\n"
+    "  plug N          attach unit N to port N of the controller (from 0): the one that was there\n"
+    "                  last, with what its EEPROM holds by now, or a new TQ-5\n"
     "                  (waits until the kernel has forgotten the last unit on this port)\n"
+    "  plug N [blank] [product=TEXT] [bcd=HEX] [eeprom=HEX]\n"
+    "                  attach a new unit. Without blank its EEPROM starts with\n"
+    "                  product=\"TQ-5 alarm unit\" eeprom=10aa (word 10, the CBUS functions), with "
+    "it\n"
+    "                  as the factory leaves it: product=\"FT232R USB UART\" eeprom=1023. "
+    "bcd=0600\n"
     "  unplug N        take the unit off\n"
-    "  stall N REQUEST fail this vendor request (hex: 0b bit mode, 0c read pins, 90 read EEPROM)\n"
+    "  stall N REQUEST fail this vendor request (hex: 0b bit mode, 0c read pins, 90 and\n"
+    "                  91 read and write EEPROM)\n"
     "  stall N none    answer all requests again\n"
     "  pins N HEX      let a read of the pins return this byte\n"
     "  pins N auto     let it return the levels again\n"
@@ -54,6 +60,7 @@ constexpr char help[] =
     "  VV       00 to 03, the level of CBUS0 plus twice that of CBUS1; or the word floating\n"
     "  EVENT    plugged bcd=HEX eeprom=HEX product=\"TEXT\", unplugged, unplugged by the kernel,\n"
     "           configuration N, bit mode HEX mask HEX, eeprom word N reads HEX,\n"
+    "           eeprom word N written HEX, eeprom not erased (an FT232R cannot do so),\n"
     "           read pins forced to HEX, stalled request HEX, and for commands\n"
     "           stall REQUEST, pins HEX\n";
 
@@ -88,6 +95,7 @@ private:
     std::string input;
     std::optional<Command> waitingPlug;  // holds back the commands after it
     long long plugDeadlineMs = 0;
+    std::map<unsigned, Unit> units;  // also those that were unplugged
     std::map<unsigned, Connection> connections;
 };
 
@@ -209,18 +217,22 @@ void Simulator::continuePlug() {
     } else if (state == PortState::missing) {
         error = "the controller has no port " + std::to_string(number);
     }
-    const UnitOptions options = waitingPlug->options;
+    const std::optional<UnitOptions> options = waitingPlug->options;
     waitingPlug.reset();
     const int socket = error.empty() ? attachPort(number, error) : -1;
     if (socket < 0) {
         printError(error);
         return;
     }
-    const Unit unit(options, number);
+    if (options) {
+        units.erase(number);
+    }
+    Unit& unit = units.try_emplace(number, options.value_or(UnitOptions()), number).first->second;
+    unit.powerUp();
     connections.try_emplace(number, socket, unit);
     report(number, unit,
-           "plugged bcd=" + hex(options.bcdDevice, 4) + " eeprom=" + hex(options.eepromWord10, 4) +
-               " product=\"" + options.product + "\"");
+           "plugged bcd=" + hex(unit.bcdDevice(), 4) + " eeprom=" + hex(unit.cbusFunctions(), 4) +
+               " product=\"" + unit.product() + "\"");
 }
 
 long long Simulator::elapsedMs() const {

@@ -1,13 +1,8 @@
 #include "unit.h"
 
 #include <cstdio>
-#include <iterator>
 
 namespace {
-
-constexpr std::uint16_t vendorId = 0x0403;
-constexpr std::uint16_t productId = 0x6001;
-constexpr char manufacturer[] = "FTDI";
 
 // bmRequestType, bRequest and descriptor types: USB 2.0, 9.3 and 9.4.
 constexpr std::uint8_t typeMask = 0x60;
@@ -29,12 +24,12 @@ enum VendorRequest : std::uint8_t {
     setBitMode = 0x0b,
     readPins = 0x0c,
     readEeprom = 0x90,
+    writeEeprom = 0x91,
+    eraseEeprom = 0x92,
 };
 
 constexpr std::uint8_t bitModeCbus = 0x20;
 constexpr unsigned cbusFunctionIo = 0x0a;
-constexpr unsigned cbusFunctionsWord = 10;
-constexpr unsigned eepromWords = 64;
 
 std::uint8_t low(std::uint16_t value) { return static_cast<std::uint8_t>(value & 0xff); }
 
@@ -42,35 +37,32 @@ std::uint8_t high(std::uint16_t value) { return static_cast<std::uint8_t>(value 
 
 // The descriptors are those of a real FT232R.
 // clang-format off
-constexpr std::uint8_t configurationBytes[] = {
-    // Configuration 1: 32 bytes in all, bus powered, remote wakeup, 90 mA.
-    9, configurationDescriptor, 32, 0, 1, 1, 0, 0xa0, 45,
-    // Interface 0, vendor-specific, two endpoints.
-    9, 4, 0, 0, 2, 0xff, 0xff, 0xff, productString,
-    // Bulk IN 1 and bulk OUT 2, 64 bytes a packet.
-    7, 5, 0x81, 2, 64, 0, 0,
-    7, 5, 0x02, 2, 64, 0, 0};
+Bytes configurationBytes(const Eeprom& eeprom) {
+    return {
+        // Configuration 1: 32 bytes in all.
+        9, configurationDescriptor, 32, 0, 1, 1, 0,
+        eeprom.byte(Eeprom::attributesByte), eeprom.byte(Eeprom::maxPowerByte),
+        // Interface 0, vendor-specific, two endpoints.
+        9, 4, 0, 0, 2, 0xff, 0xff, 0xff, productString,
+        // Bulk IN 1 and bulk OUT 2, 64 bytes a packet.
+        7, 5, 0x81, 2, 64, 0, 0,
+        7, 5, 0x02, 2, 64, 0, 0};
+}
 
-Bytes deviceBytes(std::uint16_t bcdDevice) {
+Bytes deviceBytes(const Eeprom& eeprom, std::uint16_t bcdDevice) {
+    const std::uint16_t vendorId = eeprom.word(Eeprom::vendorIdWord);
+    const std::uint16_t productId = eeprom.word(Eeprom::productIdWord);
+    const std::uint8_t serial = (eeprom.byte(Eeprom::optionsByte) & Eeprom::hasSerial) != 0 ? serialString : 0;
     return {18, deviceDescriptor,
             0x00, 0x02,  // USB 2.00
             0, 0, 0,     // class, subclass, protocol: the interface gives them
             8,           // packet size of endpoint 0
             low(vendorId), high(vendorId), low(productId), high(productId),
             low(bcdDevice), high(bcdDevice),
-            manufacturerString, productString, serialString,
+            manufacturerString, productString, serial,
             1};          // configurations
 }
 // clang-format on
-
-Bytes stringBytes(const std::string& text) {
-    Bytes bytes = {static_cast<std::uint8_t>(2 + 2 * text.size()), stringDescriptor};
-    for (char c : text) {
-        bytes.push_back(static_cast<std::uint8_t>(c));
-        bytes.push_back(0);
-    }
-    return bytes;
-}
 
 ControlReply stalled() {
     ControlReply reply;
@@ -85,10 +77,29 @@ std::string text(const char* format, Values... values) {
     return buffer;
 }
 
+std::string serialOf(unsigned number) { return text("TQ5SIM%02u", number); }
+
 }  // namespace
 
-Unit::Unit(const UnitOptions& unitOptions, unsigned number)
-    : options(unitOptions), serial(text("TQ5SIM%02u", number)) {}
+Unit::Unit(const UnitOptions& options, unsigned number)
+    : release(options.bcdDevice),
+      eeprom(options.product, serialOf(number), options.cbusFunctions),
+      factory(factoryProduct, serialOf(number), factoryCbusFunctions),
+      loaded(eeprom) {}
+
+void Unit::powerUp() {
+    state = State();
+    loaded = eeprom.isSound() ? eeprom : factory;
+}
+
+std::string Unit::product() const {
+    std::string name;
+    const Bytes descriptor = loaded.product();
+    for (std::size_t i = 2; i < descriptor.size(); i += 2) {
+        name += static_cast<char>(descriptor[i]);
+    }
+    return name;
+}
 
 ControlReply Unit::control(const SetupPacket& setup) {
     ControlReply reply = stalled();
@@ -119,14 +130,14 @@ ControlReply Unit::standardRequest(const SetupPacket& setup) {
         case 0x8006:
             return descriptor(setup.value);
         case 0x8008:  // GET_CONFIGURATION
-            reply.data = {configuration};
+            reply.data = {state.configuration};
             return reply;
         case 0x0009:  // SET_CONFIGURATION
             if (setup.value > 1) {
                 return stalled();
             }
-            configuration = low(setup.value);
-            reply.event = text("configuration %u", static_cast<unsigned>(configuration));
+            state.configuration = low(setup.value);
+            reply.event = text("configuration %u", static_cast<unsigned>(state.configuration));
             return reply;
         case 0x810a:  // GET_INTERFACE
             reply.data = {0};
@@ -142,22 +153,22 @@ ControlReply Unit::descriptor(std::uint16_t typeAndIndex) const {
     ControlReply reply;
     switch (typeAndIndex) {
         case deviceDescriptor << 8:
-            reply.data = deviceBytes(options.bcdDevice);
+            reply.data = deviceBytes(loaded, release);
             return reply;
         case configurationDescriptor << 8:
-            reply.data.assign(std::begin(configurationBytes), std::end(configurationBytes));
+            reply.data = configurationBytes(loaded);
             return reply;
         case stringDescriptor << 8 | languages:
             reply.data = {4, stringDescriptor, 0x09, 0x04};  // English (United States)
             return reply;
         case stringDescriptor << 8 | manufacturerString:
-            reply.data = stringBytes(manufacturer);
+            reply.data = loaded.manufacturer();
             return reply;
         case stringDescriptor << 8 | productString:
-            reply.data = stringBytes(options.product);
+            reply.data = loaded.product();
             return reply;
         case stringDescriptor << 8 | serialString:
-            reply.data = stringBytes(serial);
+            reply.data = loaded.serial();
             return reply;
         default:
             return stalled();
@@ -166,7 +177,7 @@ ControlReply Unit::descriptor(std::uint16_t typeAndIndex) const {
 
 ControlReply Unit::vendorRequest(const SetupPacket& setup) {
     ControlReply reply;
-    if (stalledRequest == setup.request) {
+    if (state.stalledRequest == setup.request) {
         reply.stalled = true;
         reply.event = text("stalled request %02x", static_cast<unsigned>(setup.request));
         return reply;
@@ -176,60 +187,52 @@ ControlReply Unit::vendorRequest(const SetupPacket& setup) {
             reply.data = {0x01, 0x60};  // no line active, transmitter empty
             break;
         case setLatencyTimer:
-            latencyTimerMs = low(setup.value);
+            state.latencyTimerMs = low(setup.value);
             break;
         case getLatencyTimer:
-            reply.data = {latencyTimerMs};
+            reply.data = {state.latencyTimerMs};
             break;
         case setBitMode:
-            bitMask = low(setup.value);
-            bitMode = high(setup.value);
-            reply.event = text("bit mode %02x mask %02x", static_cast<unsigned>(bitMode),
-                               static_cast<unsigned>(bitMask));
+            state.bitMask = low(setup.value);
+            state.bitMode = high(setup.value);
+            reply.event = text("bit mode %02x mask %02x", static_cast<unsigned>(state.bitMode),
+                               static_cast<unsigned>(state.bitMask));
             break;
         case readPins:
-            reply.data = {forcedPins.value_or(levels())};
-            if (forcedPins) {
-                reply.event = text("read pins forced to %02x", static_cast<unsigned>(*forcedPins));
+            reply.data = {state.forcedPins.value_or(levels())};
+            if (state.forcedPins) {
+                reply.event =
+                    text("read pins forced to %02x", static_cast<unsigned>(*state.forcedPins));
             }
             break;
         case readEeprom: {
-            const std::uint16_t word = eepromWord(setup.index % eepromWords);
+            const std::uint16_t word = eeprom.word(setup.index);
             reply.data = {low(word), high(word)};
-            reply.event =
-                text("eeprom word %u reads %04x", static_cast<unsigned>(setup.index % eepromWords),
-                     static_cast<unsigned>(word));
+            reply.event = text("eeprom word %u reads %04x", unsigned{setup.index}, unsigned{word});
             break;
         }
+        case writeEeprom:
+            eeprom.setWord(setup.index, setup.value);
+            reply.event =
+                text("eeprom word %u written %04x", unsigned{setup.index}, unsigned{setup.value});
+            break;
+        case eraseEeprom:
+            // This chip's EEPROM cannot be erased (FTDI, D2XX Programmer's Guide, FT_EraseEE).
+            reply.event = "eeprom not erased";
+            break;
         default:
             break;
     }
     return reply;
 }
 
-// The identity and the CBUS functions; the chip's other settings read as zero.
-std::uint16_t Unit::eepromWord(unsigned address) const {
-    switch (address) {
-        case 1:
-            return vendorId;
-        case 2:
-            return productId;
-        case 3:
-            return options.bcdDevice;
-        case cbusFunctionsWord:
-            return options.eepromWord10;
-        default:
-            return 0;
-    }
-}
-
 Level Unit::cbus(unsigned pin) const {
-    const bool isIo = (options.eepromWord10 >> (4 * pin) & 0x0f) == cbusFunctionIo;
-    const bool isOutput = (bitMask >> (4 + pin) & 1) != 0;
-    if (bitMode != bitModeCbus || !isIo || !isOutput) {
+    const bool isIo = (cbusFunctions() >> (4 * pin) & 0x0f) == cbusFunctionIo;
+    const bool isOutput = (state.bitMask >> (4 + pin) & 1) != 0;
+    if (state.bitMode != bitModeCbus || !isIo || !isOutput) {
         return Level::floating;
     }
-    return (bitMask >> pin & 1) != 0 ? Level::high : Level::low;
+    return (state.bitMask >> pin & 1) != 0 ? Level::high : Level::low;
 }
 
 // Pins that are not driven read as high: the chip has pull-up resistors.

@@ -74,6 +74,69 @@ listTree() {
     } | sort >"/trial/tree.$1"
 }
 
+# ---- From a bare chip to a unit ----
+
+said() {
+    # Debian's sysvinit has no system log of its own.
+    [ ! -d /run/systemd/system ] || journalctl -b -t pinwatchd | tail -n "+$logStart" | grep -qF "$1"
+}
+
+isAttached() {
+    [ -e /sys/bus/usb/devices/1-1:1.0 ]
+}
+
+# plug [OPTION...]: another unit, or without options the same one again.
+plug() {
+    echo "unplug 0" >&8
+    waitFor "unplugged" test ! -e /sys/bus/usb/devices/1-1
+    [ ! -d /run/systemd/system ] || logStart=$(($(journalctl -b -t pinwatchd | wc -l) + 1))
+    echo "plug 0 $*" >&8
+    waitFor "plugged in" isAttached
+}
+
+# step N: the commands of this step in the manual, for the unit that is here.
+step() {
+    sed -n "/^## $1\. /,/^## /s/^    //p" /usr/share/doc/pinwatchd/unit.md |
+        sed '/^apt\|^journalctl/d; s/^serial=.*/serial=TQ5SIM00/'
+}
+
+# makeUnit MESSAGE: the daemon turns the module away with the message; the manual's steps mend that.
+makeUnit() {
+    waitFor "$1" said "$1"
+    rm -rf tq5
+    export -f plug waitFor fail isAttached
+    {
+        step 1
+        step 2
+        echo plug
+        step 3
+    } >steps
+    bash -e steps >steps.log 2>&1 || fail "the manual's steps: $(cat steps.log)"
+    expect "found" grep -x "serial:TQ5SIM00" steps.log
+    expect "written" grep -x "FTDI write eeprom: 0" steps.log
+    waitFor "opened" said "opened FTDI device 'TQ-5 alarm unit'"
+    raise ALARM2 /run/orvel/alarms 02
+    raise ALARM1 /run/orvel/alarms 01
+}
+
+fromChipToUnit() {
+    plug blank
+    makeUnit "unknown FTDI device 'FT232R USB UART'"
+    # A bit has changed since.
+    printf X | dd of=tq5/written.eeprom bs=1 seek=30 conv=notrunc
+    sed 's/tq5.eeprom/written.eeprom/' tq5/tq5.conf >tq5/bad.conf
+    echo flash_raw=true >>tq5/bad.conf
+    service pinwatchd stop
+    expect "damaged" env -C tq5 ftdi_eeprom --flash-eeprom bad.conf
+    plug
+    service pinwatchd start
+    makeUnit "unknown FTDI device 'FT232R USB UART'"
+    plug blank product=TQ-5
+    makeUnit "FTDI device 'TQ-5': cbus functions (cbus0=3, cbus1=2) are not configured"
+    plug blank eeprom=10aa
+    makeUnit "unknown FTDI device 'FT232R USB UART'"
+}
+
 # ---- Under one of the two ----
 
 daemons() {
@@ -190,6 +253,7 @@ echo "unplug 0" >&8
 waitFor "unplugged" test ! -e /sys/bus/usb/devices/1-1
 echo "plug 0" >&8
 waitFor "the alarm after plugging in again" pins 01
+fromChipToUnit
 if [ -d /run/systemd/system ]; then withSystemd; else withSysvinit; fi
 waitFor "the alarm after all that" pins 01
 

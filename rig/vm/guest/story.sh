@@ -72,6 +72,7 @@ Try, for example:
     publishAlarm '[door]
     ALARM1=1'                the same, as a program of its own may do it
     sim unplug 0             take the unit off; sim plug 0 brings it back
+    sim plug 0 blank         after an unplug: a module from the factory; ftdi_eeprom makes it a unit
     sim stall 0 0b           let the unit refuse writes; sim stall 0 none ends that
     stopDaemon               end the daemon; startDaemon starts it again
     showLog                  the system log without debug messages; all of it: cat $sysLog
