@@ -39,10 +39,6 @@ std::function<void(const std::string&)> tellStage = [](const std::string&) {};
 
 Verdict critical(const std::string& text) { return {pluginCritical, text, "", ""}; }
 
-std::string processOf(pid_t daemon) {
-    return "the daemon (process " + std::to_string(daemon) + ")";
-}
-
 // Why the daemon does not open an attached device, and what to do; in the words of its messages.
 Verdict notOpened(const UsbDevice& device) {
     tellStage("the device " + nameOf(device) + " does not answer: replug it");
@@ -148,36 +144,107 @@ std::string exposure(const std::string& path) {
     return "";
 }
 
-// The first of the daemon's files that another program keeps locked; empty if none is.
-std::string lockedFile(const std::string& path) {
-    for (const char* file : {path.c_str(), settingsPath, settingsOverlayPath}) {
-        const int opened = open(file, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-        const bool isLocked = flock(opened, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
-        if (opened >= 0) close(opened);
-        if (isLocked) return file;
-    }
-    return "";
+// Whether another program keeps the file locked, for which the daemon waits.
+bool isLocked(const std::string& path) {
+    const int file = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    const bool locked = flock(file, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    if (file >= 0) close(file);
+    return locked;
 }
 
-// What is seen at this moment.
-Verdict look(const std::string& path) {
+Verdict lockedBy(const std::string& path) {
+    return critical(path + " is locked, for which the daemon waits: end what locks it");
+}
+
+// The one daemon, or the verdict that there is none that works.
+pid_t theDaemon(Verdict& verdict) {
     bool hidden = false;
     const std::vector<pid_t> daemons = findDaemons(hidden);
-    if (hidden) return {pluginUnknown, "the daemon's process may not be looked at", "", ""};
     if (daemons.empty()) {
-        return critical("the daemon does not run: start it, as by 'service pinwatchd start'");
-    }
-    if (daemons.size() > 1) {
-        std::string processes;
-        for (const pid_t daemon : daemons) processes += " " + std::to_string(daemon);
-        return critical("more than one daemon runs, which fight for the unit: end one (processes" +
-                        processes + ")");
+        verdict = critical("the daemon does not run: start it, as by 'service pinwatchd start'");
+        if (hidden) verdict = {pluginUnknown, "the daemon's process may not be looked at", "", ""};
+        return 0;
     }
     const pid_t daemon = daemons.front();
-    if (isStopped(daemon)) {
-        return critical(processOf(daemon) + " is stopped: 'kill -CONT " + std::to_string(daemon) +
-                        "', or restart it");
+    if (daemons.size() > 1) {
+        std::string processes;
+        for (const pid_t each : daemons) processes += " " + std::to_string(each);
+        verdict =
+            critical("more than one daemon runs, and they share the unit: end one (processes" +
+                     processes + ")");
+    } else if (isStopped(daemon)) {
+        verdict = critical("the daemon is stopped: 'kill -CONT " + std::to_string(daemon) +
+                           "', or restart it");
+    } else if (const unsigned unread = unreadEvents(daemon)) {
+        verdict = critical("the daemon hangs: restart it, and replug the unit");
+        verdict.moment = std::to_string(unread);  // in a flood of events it changes all the time
+    } else {
+        return daemon;
     }
+    return 0;
+}
+
+// What weakens a lamp that shows what it should.
+std::string warningsOf(pid_t daemon, const std::string& path, bool exists) {
+    std::string warnings;
+    if (!readsFile(daemon, path)) {
+        warnings += "the daemon reads another file than " + path + ": restart it; ";
+    }
+    if (!exists) {
+        warnings += "there is no file " + path +
+                    ", so the unit keeps what it shows: 'pinwatchd-alarm clear --all' makes one; ";
+    }
+    for (const char* file : {path.c_str(), settingsPath, settingsOverlayPath}) {
+        const std::string text = exposure(file);
+        if (!text.empty()) warnings += text + "; ";
+    }
+    return warnings;
+}
+
+// Compares the unit that the daemon has open with the alarms file.
+Verdict compare(pid_t daemon, const std::string& path, const struct stat* status) {
+    const UsbDevice unit = openedDevice(daemon);
+    if (unit.node.empty()) return noUnitOpen();
+    tellStage(nameOf(unit) + " does not answer: replug it");
+    const int pins = readPins(unit);
+    if (pins < 0) {
+        return critical("the pins of " + nameOf(unit) + " cannot be read (" + std::strerror(errno) +
+                        "): replug it");
+    }
+    tellStage(path + " cannot be read: is it locked, or on a file system that hangs?");
+    IniFile file("");
+    if (status && !file.load(path)) {
+        return critical(path + " cannot be read (" + std::strerror(errno) + ")");
+    }
+    const Alarms alarms = readAlarms(file);
+    Verdict verdict;
+    verdict.figures =
+        "alarm=" + std::to_string(alarms.mask) + " sources=" + std::to_string(alarms.sources);
+    const std::string warnings = warningsOf(daemon, path, status != nullptr);
+    if (!status || pins == pinValues[alarms.mask]) {
+        verdict.status = warnings.empty() ? pluginOk : pluginWarning;
+        verdict.text =
+            warnings + nameOf(unit) + " shows " + (status ? alarms.text : stateOfPins(pins));
+        return verdict;
+    }
+    verdict.status = pluginCritical;
+    verdict.text = warnings + nameOf(unit) + " shows " + stateOfPins(pins) + ", but " + path +
+                   " raises " + alarms.text +
+                   ": see the log; 'touch' the file, or restart the daemon";
+    // Each version has its time to be shown.
+    verdict.moment =
+        std::to_string(status->st_mtim.tv_sec) + " " + std::to_string(status->st_mtim.tv_nsec);
+    return verdict;
+}
+
+// What is seen at this moment, of the file that the settings name if the path is empty.
+Verdict look(std::string path) {
+    tellStage("the settings cannot be read: are they on a file system that hangs?");
+    for (const char* settings : {settingsPath, settingsOverlayPath}) {
+        if (isLocked(settings)) return lockedBy(settings);
+    }
+    if (path.empty()) path = alarmsPath(IniFile(settingsPath, settingsOverlayPath));
+    tellStage(path + " cannot be looked at: is it on a file system that hangs?");
     struct stat status = {};
     const bool exists = stat(path.c_str(), &status) == 0;
     if (!exists && errno != ENOENT) {
@@ -187,62 +254,10 @@ Verdict look(const std::string& path) {
         return critical(path +
                         " is not a regular file: put one in its place, and restart the daemon");
     }
-    if (const std::string locked = lockedFile(path); !locked.empty()) {
-        return critical(locked + " is locked, for which the daemon waits: end what locks it");
-    }
-    if (const unsigned unread = unreadEvents(daemon)) {
-        Verdict hang = critical(processOf(daemon) + " hangs: restart it, and replug the unit");
-        hang.moment = std::to_string(unread);  // in a flood of events it changes all the time
-        return hang;
-    }
-
-    const UsbDevice unit = openedDevice(daemon);
-    if (unit.node.empty()) return noUnitOpen();
-    tellStage(nameOf(unit) + " does not answer: replug it");
-    const int pins = readPins(unit);
-    if (pins < 0) {
-        return critical("the pins of " + nameOf(unit) + " cannot be read (" + std::strerror(errno) +
-                        "): replug it");
-    }
-
-    tellStage(path + " cannot be read: is it locked? The daemon waits for it as well");
-    IniFile file("");
-    if (exists && !file.load(path)) {
-        return critical(path + " cannot be read (" + std::strerror(errno) + ")");
-    }
-    const Alarms alarms = readAlarms(file);
+    if (isLocked(path)) return lockedBy(path);
     Verdict verdict;
-    verdict.text = nameOf(unit) + " shows " + (exists ? alarms.text : stateOfPins(pins));
-    verdict.figures =
-        "alarm=" + std::to_string(alarms.mask) + " sources=" + std::to_string(alarms.sources);
-    const bool isRead = readsFile(daemon, path);
-    if (exists && isRead && pins != pinValues[alarms.mask]) {
-        verdict.status = pluginCritical;
-        verdict.text = nameOf(unit) + " shows " + stateOfPins(pins) + ", but " + path + " raises " +
-                       alarms.text + ": see the log; 'touch' the file, or restart the daemon";
-        // Each version has its time to be shown.
-        verdict.moment =
-            std::to_string(status.st_mtim.tv_sec) + " " + std::to_string(status.st_mtim.tv_nsec);
-        return verdict;
-    }
-
-    std::string warnings;
-    const auto warnOf = [&warnings](const std::string& text) {
-        if (!text.empty()) warnings += text + "; ";
-    };
-    if (!isRead) warnOf("the daemon reads another file than " + path + ": restart it");
-    if (!exists)
-        warnOf("there is no file " + path +
-               ", so the unit keeps what it shows: 'pinwatchd-alarm clear --all' makes one");
-    for (const std::string& checked :
-         {path, std::string(settingsPath), std::string(settingsOverlayPath)}) {
-        warnOf(exposure(checked));
-    }
-    if (!warnings.empty()) {
-        verdict.status = pluginWarning;
-        verdict.text = warnings + verdict.text;
-    }
-    return verdict;
+    const pid_t daemon = theDaemon(verdict);
+    return daemon == 0 ? verdict : compare(daemon, path, exists ? &status : nullptr);
 }
 
 // Reads lines until the other end is closed, and leaves the last one in `line`. False if that is
@@ -328,10 +343,7 @@ int check(const std::string& path, unsigned seconds, bool quiet) {
             const std::string line = printable(stage) + "\n";
             if (write(channel[1], line.data(), line.size()) < 0) _exit(pluginUnknown);
         };
-        tellStage(
-            "the settings cannot be read: are they locked? The daemon waits for them as well");
-        const Verdict verdict =
-            judge(path.empty() ? alarmsPath(IniFile(settingsPath, settingsOverlayPath)) : path);
+        const Verdict verdict = judge(path);
         tellStage(pluginLine(verdict));
         _exit(verdict.status);
     }

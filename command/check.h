@@ -25,13 +25,14 @@ std::int64_t nowMs();
 std::string pluginLine(const Verdict& verdict);
 
 // Looks whether a daemon shows on a unit what the alarms file at `path` raises. What may pass, as
-// while a unit is plugged in, is critical only once it has been so for three seconds.
+// while a unit is plugged in, is critical only once it has been so for three seconds. An empty path
+// stands for the file that the settings name.
 Verdict judge(const std::string& path);
 
 // Waits until a unit shows what the file raises, but not longer than that. Where it cannot be seen,
 // as by others than root, it takes the whole time.
 void awaitShown(const std::string& path, std::int64_t ms);
 
-// Judges within so many seconds and prints the line, but not "OK" with `quiet`. An empty path
-// stands for the file that the settings name. Returns the PluginStatus.
+// Judges within so many seconds and prints the line, but not "OK" with `quiet`. Returns the
+// PluginStatus.
 int check(const std::string& path, unsigned seconds, bool quiet);

@@ -60,6 +60,22 @@ refuse stall 0c 'ftdi_read_pins failed: ' obey
 refuse pins 02 'set FTDI device pins failed: expected=01, current=02' obey
 refuse stall 0b 'ftdi_set_bitmode failed' replug 0
 refuse stall 0b 'ftdi_set_bitmode failed' unheard replug 0
+critical 'the daemon does not run' stopDaemon 'startDaemon --ignore-sigpipe'
+critical 'more than one daemon' secondDaemon 'stopDaemon KILL; daemonPid=$firstPid; replug 0'
+critical 'is stopped' 'kill -STOP $daemonPid' 'kill -CONT $daemonPid'
+critical 'hangs: restart it' fifoBriefly 'stopDaemon KILL; startDaemon --ignore-sigpipe'
+critical 'is locked' 'exec 9<"$settingsFile"; flock 9' 'exec 9<&-'
+critical 'is not a regular file' 'rm -f "$alarmsFile"; mkdir "$alarmsFile"' 'rmdir "$alarmsFile"'
+critical 'no unit is attached' unplug plug
+critical 'FTDI device is not compatible' 'unplug; sim plug 0 bcd=0400' 'replug 0'
+critical "unknown FTDI device 'Other'" 'unplug; sim plug 0 product=Other' 'replug 0'
+critical 'are not configured (cbus0=10, cbus1=3)' 'unplug; sim plug 0 eeprom=003a' 'replug 0'
+critical 'the pins of TQ-5 alarm unit' 'sim stall 0 0c' obey
+critical 'both outputs are low' 'sim pins 0 0c' obey
+lampTests 5
+checking underFlood replug 500 1500 500
+checking suspended replug 1500
+raising replug 1500 700 1500 700
 END
 )
 
@@ -270,6 +286,46 @@ obey() {
     sim pins 0 auto
 }
 
+# critical TEXT CAUSE CURE: commands that bring about what the check tells so, and end it.
+critical() {
+    mayReopen=1
+    eval "$2"
+    alone checks CRITICAL "$1"
+    eval "$3"
+}
+
+secondDaemon() {
+    firstPid=$daemonPid
+    startDaemon
+}
+
+# fifoBriefly: what the daemon opened for ever is gone.
+fifoBriefly() {
+    rm -f "$alarmsFile"
+    mkfifo "$alarmsFile"
+    stampFile "$alarmsFile"
+    usleep 2500000
+    rm "$alarmsFile"
+}
+
+# lampTests N: so many are killed at any time. The next one succeeds, and leaves the file as it was.
+lampTests() {
+    local turn=0
+    mayReopen=1
+    alarm 03 '; of others\n\n[door]\nstate=closed'
+    cp "$alarmsFile" "$alarmsFile.before"
+    while [ "$turn" -lt "$1" ]; do
+        turn=$((turn + 1))
+        pinwatchd-alarm test 1 >/dev/null &
+        random 2500
+        usleep "${r}000"
+        kill -KILL $! 2>/dev/null
+        wait $!
+    done
+    pinwatchd-alarm test --no-wait >/run/lampTest || alone fail "$(cat /run/lampTest)"
+    expect cmp "$alarmsFile" "$alarmsFile.before"
+}
+
 # ---- Prefixes ----
 
 # flood: about 70 events of other devices; the daemon's socket holds less than ten.
@@ -313,6 +369,39 @@ suspended() {
     suspending=$!
     "$@"
     wait $suspending
+}
+
+# checking COMMAND...: checks meanwhile end in their time.
+checking() {
+    local began checker
+    second=1 mayReopen=1
+    while :; do
+        uptimeCs
+        began=$uptime
+        pinwatchd-alarm check --timeout 4 >/run/check
+        uptimeCs
+        [ $((uptime - began)) -le 1200 ] || echo "$((uptime - began)) cs" >>/run/late
+    done 8>&- &
+    checker=$!
+    "$@"
+    kill $checker
+    expect test ! -e /run/late
+}
+
+# raising COMMAND...: alarms come and go meanwhile as fast as can be, each with an event.
+raising() {
+    local turn running=''
+    second=1 mayReopen=1
+    for turn in 1 2 3 4; do
+        while :; do
+            pinwatchd-alarm raise "$turn" ALARM1
+            pinwatchd-alarm clear "$turn"
+        done 8>&- &
+        running="$running $!"
+    done
+    "$@"
+    # shellcheck disable=SC2086 # several processes
+    kill $running
 }
 
 # beside UNIT OPTION COMMAND...: there is another device of the same make.
@@ -390,6 +479,13 @@ openedOnce() {
             END { exit wrong }' "$simLog"
 }
 
+# checks STATUS TEXT: the check says so.
+checks() {
+    local line
+    line=$(pinwatchd-alarm check --timeout 30)
+    case $line in "$1 - "*"$2"*) ;; *) fail "not '$1 - $2', but: $line" ;; esac
+}
+
 # calm: with nothing to do the daemon leaves the unit and the alarms file alone, does not repeat
 # itself faster than its pace of once a second, and is as large as before.
 calm() {
@@ -397,6 +493,7 @@ calm() {
     # For what is still on its way: events in the daemon's socket, messages to the log.
     usleep 500000
     [ -n "$mayReopen" ] || expect openedOnce
+    checks OK 'TQ-5 alarm unit'
     last=$(tail -n 1 "$simLog")
     touch -a -d @1000000000 "$alarmsFile"
     uptimeCs
