@@ -73,9 +73,9 @@ critical 'are not configured (cbus0=10, cbus1=3)' 'unplug; sim plug 0 eeprom=003
 critical 'the pins of TQ-5 alarm unit' 'sim stall 0 0c' obey
 critical 'both outputs are low' 'sim pins 0 0c' obey
 lampTests 5
-checking underFlood replug 500 1500 500
-checking suspended replug 1500
-raising replug 1500 700 1500 700
+meanwhile oneCheck underFlood replug 500 1500 500
+meanwhile oneCheck suspended replug 1500
+meanwhile raises replug 1500 700 1500
 END
 )
 
@@ -312,7 +312,7 @@ fifoBriefly() {
 lampTests() {
     local turn=0
     mayReopen=1
-    alarm 03 '; of others\n\n[door]\nstate=closed'
+    alarm 03 '; of others\n\n[door]\nstate=closed\n'
     cp "$alarmsFile" "$alarmsFile.before"
     while [ "$turn" -lt "$1" ]; do
         turn=$((turn + 1))
@@ -320,7 +320,7 @@ lampTests() {
         random 2500
         usleep "${r}000"
         kill -KILL $! 2>/dev/null
-        wait $!
+        wait $! 2>/dev/null
     done
     pinwatchd-alarm test --no-wait >/run/lampTest || alone fail "$(cat /run/lampTest)"
     expect cmp "$alarmsFile" "$alarmsFile.before"
@@ -371,37 +371,44 @@ suspended() {
     wait $suspending
 }
 
-# checking COMMAND...: checks meanwhile end in their time.
-checking() {
-    local began checker
+# meanwhile FUNCTION COMMAND...: calls the function again and again meanwhile.
+meanwhile() {
+    local function=$1 repeating
     second=1 mayReopen=1
-    while :; do
-        uptimeCs
-        began=$uptime
-        pinwatchd-alarm check --timeout 4 >/run/check
-        uptimeCs
-        [ $((uptime - began)) -le 1200 ] || echo "$((uptime - began)) cs" >>/run/late
+    shift
+    touch /run/meanwhile
+    while [ -e /run/meanwhile ]; do
+        $function
     done 8>&- &
-    checker=$!
+    repeating=$!
     "$@"
-    kill $checker
+    rm /run/meanwhile
+    wait $repeating
     expect test ! -e /run/late
 }
 
-# raising COMMAND...: alarms come and go meanwhile as fast as can be, each with an event.
-raising() {
-    local turn running=''
-    second=1 mayReopen=1
-    for turn in 1 2 3 4; do
-        while :; do
-            pinwatchd-alarm raise "$turn" ALARM1
-            pinwatchd-alarm clear "$turn"
-        done 8>&- &
+# oneCheck: it ends in its time.
+oneCheck() {
+    local began
+    uptimeCs
+    began=$uptime
+    pinwatchd-alarm check --timeout 4 >/run/check
+    uptimeCs
+    [ $((uptime - began)) -le 1200 ] || touch /run/late
+}
+
+# raises: alarms come and go as fast as can be, each with an event for the daemon.
+raises() {
+    local source running=''
+    for source in 1 2 3 4 5; do
+        {
+            pinwatchd-alarm raise "$source"
+            pinwatchd-alarm clear "$source"
+        } &
         running="$running $!"
     done
-    "$@"
     # shellcheck disable=SC2086 # several processes
-    kill $running
+    wait $running
 }
 
 # beside UNIT OPTION COMMAND...: there is another device of the same make.
