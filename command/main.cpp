@@ -203,7 +203,6 @@ void onTimeout(int) {
 
 // Changes the file, and has the daemons look at it at once.
 void changeFile(const std::string& path, const SharedFile::Edit& edit) {
-    signal(SIGALRM, onTimeout);
     alarm(patienceSeconds);
     waitedFor = path.c_str();
     SharedFile file(path);
@@ -232,6 +231,7 @@ int look(const std::string& command, const Options& options,
     }
     if (words.size() > 1) failUsage("test takes no words but the seconds");
     const unsigned seconds = secondsOf(words.empty() ? nullptr : words[0].c_str(), 5);
+    alarm(patienceSeconds);
     const std::string path = options.file ? options.file : fileOfSettings();
     return lampTest(path, options.noWait ? 0 : seconds,
                     [&path](const SharedFile::Edit& edit) { changeFile(path, edit); });
@@ -250,19 +250,23 @@ int main(int argc, char* argv[]) {
     const bool verbatim = std::strcmp(argv[optind - 1], "--") == 0;
     const std::string command = argv[optind];
     const std::vector<std::string> words(argv + optind + 1, argv + argc);
-    if (command == "check" || command == "test") finish(look(command, options, words));
-    if (command != "raise" && command != "clear" && command != "show") {
+    const bool changes = command == "raise" || command == "clear";
+    if (!changes && command != "show" && command != "check" && command != "test") {
         failUsage("the command is not raise, clear, show, check or test");
     }
     if (options.all && command != "clear") failUsage("--all goes with clear only");
-    if (command == "show" && (options.wait || !words.empty())) {
-        failUsage("show takes no words and no --wait");
+    if (options.wait && !changes) failUsage("--wait goes with raise and clear only");
+    if ((options.quiet || options.timeout) && command != "check") {
+        failUsage("--quiet and --timeout go with check only");
     }
+    if (options.noWait && command != "test") failUsage("--no-wait goes with test only");
+    signal(SIGALRM, onTimeout);
+    if (command == "check" || command == "test") finish(look(command, options, words));
+    if (command == "show" && !words.empty()) failUsage("show takes no words");
     SharedFile::Edit edit;
     if (command == "raise") edit = raising(words, verbatim);
     if (command == "clear") edit = clearing(words, options.all);
 
-    signal(SIGALRM, onTimeout);
     alarm(patienceSeconds);
     static const std::string path = options.file ? options.file : fileOfSettings();
     waitedFor = path.c_str();
