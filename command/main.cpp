@@ -8,11 +8,14 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <string>
 #include <vector>
 
+#include "check.h"
+#include "conversions.h"
+#include "daemonview.h"
 #include "iniwriter.h"
+#include "lamptest.h"
 #include "settings.h"
 #include "sharedfile.h"
 #include "show.h"
@@ -22,33 +25,47 @@ namespace {
 constexpr const char* alarmKeys[] = {"ALARM1", "ALARM2"};
 constexpr unsigned patienceSeconds = 60;
 // The daemon looks once a second; the rest is for its work in between.
-constexpr timespec waitTime = {1, 500000000};
+constexpr int waitMs = 1500;
 
 constexpr const char* help =
     "usage: pinwatchd-alarm [OPTION...] raise SECTION [ALARM1|ALARM2] [TEXT...]\n"
     "       pinwatchd-alarm [OPTION...] clear SECTION [ALARM1|ALARM2]\n"
     "       pinwatchd-alarm [OPTION...] clear --all\n"
-    "       pinwatchd-alarm [OPTION...] show\n"
+    "       pinwatchd-alarm [OPTION...] show | check | test [SECONDS]\n"
     "\n"
     "Raises and clears alarms in the file that pinwatchd reads. SECTION is the name of their\n"
     "source, ALARM1 the alarm if none is said; clear clears both. show tells what is raised,\n"
     "and ends with 0 for no alarm, 1 for ALARM1, 2 for ALARM2. Behind -- all is SECTION and TEXT.\n"
+    "check, for root, tells in one line whether a unit shows it, and test lights both lamps, for\n"
+    "5 SECONDS each; they end as monitoring plugins do: 0 OK, 1 WARNING, 2 CRITICAL, 3 UNKNOWN.\n"
     "\n"
     "  --file FILE   the alarms file, if not the one that the daemon's settings name\n"
     "  --wait        return when a daemon with a unit must have read the change\n"
     "  --all         clear both alarms of all sections\n"
+    "  --quiet       check: say nothing where all is well\n"
+    "  --timeout N   check: take N seconds at most, if not 10\n"
+    "  --no-wait     test: light the lamps no longer than it takes to see them lit\n"
     "  --help, --version\n";
 
 struct Options {
     const char* file = nullptr;
     bool wait = false;
     bool all = false;
+    bool quiet = false;
+    bool noWait = false;
+    const char* timeout = nullptr;
 };
 
 constexpr option knownOptions[] = {
-    {"file", required_argument, nullptr, 'f'}, {"wait", no_argument, nullptr, 'w'},
-    {"all", no_argument, nullptr, 'a'},        {"help", no_argument, nullptr, 'h'},
-    {"version", no_argument, nullptr, 'v'},    {nullptr, 0, nullptr, 0},
+    {"file", required_argument, nullptr, 'f'},
+    {"wait", no_argument, nullptr, 'w'},
+    {"all", no_argument, nullptr, 'a'},
+    {"quiet", no_argument, nullptr, 'q'},
+    {"no-wait", no_argument, nullptr, 'n'},
+    {"timeout", required_argument, nullptr, 't'},
+    {"help", no_argument, nullptr, 'h'},
+    {"version", no_argument, nullptr, 'v'},
+    {nullptr, 0, nullptr, 0},
 };
 
 // Ends with `status`, or with EX_IOERR if standard output took not all that was printed.
@@ -71,6 +88,15 @@ void readOptions(int argc, char* argv[], Options& options) {
                 break;
             case 'a':
                 options.all = true;
+                break;
+            case 'q':
+                options.quiet = true;
+                break;
+            case 'n':
+                options.noWait = true;
+                break;
+            case 't':
+                options.timeout = optarg;
                 break;
             case 'h':
                 std::fputs(help, stdout);
@@ -175,6 +201,42 @@ void onTimeout(int) {
     _exit(EX_TEMPFAIL);
 }
 
+// Changes the file, and has the daemons look at it at once.
+void changeFile(const std::string& path, const SharedFile::Edit& edit) {
+    alarm(patienceSeconds);
+    waitedFor = path.c_str();
+    SharedFile file(path);
+    if (!file.update(edit)) errx(file.status, "%s", file.problem.c_str());
+    if (!file.problem.empty()) warnx("%s", file.problem.c_str());
+    alarm(0);
+    wakeDaemons();
+}
+
+// A number of seconds, or `usual` if none is said.
+unsigned secondsOf(const char* text, int usual) {
+    int seconds = usual;
+    if (text && (!toInt(text, seconds, 10) || seconds < 1 || seconds > 3600)) {
+        failUsage("seconds are a number from 1 to 3600");
+    }
+    return static_cast<unsigned>(seconds);
+}
+
+// check and test. Returns the exit status.
+int look(const std::string& command, const Options& options,
+         const std::vector<std::string>& words) {
+    if (command == "check") {
+        if (!words.empty()) failUsage("check takes no words");
+        return check(options.file ? options.file : "", secondsOf(options.timeout, 10),
+                     options.quiet);
+    }
+    if (words.size() > 1) failUsage("test takes no words but the seconds");
+    const unsigned seconds = secondsOf(words.empty() ? nullptr : words[0].c_str(), 5);
+    alarm(patienceSeconds);
+    const std::string path = options.file ? options.file : fileOfSettings();
+    return lampTest(path, options.noWait ? 0 : seconds,
+                    [&path](const SharedFile::Edit& edit) { changeFile(path, edit); });
+}
+
 }  // namespace
 
 int main(int argc, char* argv[]) {
@@ -188,26 +250,28 @@ int main(int argc, char* argv[]) {
     const bool verbatim = std::strcmp(argv[optind - 1], "--") == 0;
     const std::string command = argv[optind];
     const std::vector<std::string> words(argv + optind + 1, argv + argc);
-    if (command != "raise" && command != "clear" && command != "show") {
-        failUsage("the command is not raise, clear or show");
+    const bool changes = command == "raise" || command == "clear";
+    if (!changes && command != "show" && command != "check" && command != "test") {
+        failUsage("the command is not raise, clear, show, check or test");
     }
     if (options.all && command != "clear") failUsage("--all goes with clear only");
-    if (command == "show" && (options.wait || !words.empty())) {
-        failUsage("show takes no words and no --wait");
+    if (options.wait && !changes) failUsage("--wait goes with raise and clear only");
+    if ((options.quiet || options.timeout) && command != "check") {
+        failUsage("--quiet and --timeout go with check only");
     }
+    if (options.noWait && command != "test") failUsage("--no-wait goes with test only");
+    signal(SIGALRM, onTimeout);
+    if (command == "check" || command == "test") finish(look(command, options, words));
+    if (command == "show" && !words.empty()) failUsage("show takes no words");
     SharedFile::Edit edit;
     if (command == "raise") edit = raising(words, verbatim);
     if (command == "clear") edit = clearing(words, options.all);
 
-    signal(SIGALRM, onTimeout);
     alarm(patienceSeconds);
     static const std::string path = options.file ? options.file : fileOfSettings();
     waitedFor = path.c_str();
     if (command == "show") finish(show(path, isatty(STDOUT_FILENO) == 1));
-    SharedFile file(path);
-    if (!file.update(edit)) errx(file.status, "%s", file.problem.c_str());
-    if (!file.problem.empty()) warnx("%s", file.problem.c_str());
-    alarm(0);
-    if (options.wait) nanosleep(&waitTime, nullptr);
+    changeFile(path, edit);
+    if (options.wait) awaitShown(path, waitMs);
     return EX_OK;
 }

@@ -62,6 +62,22 @@ refuse stall 0b 'ftdi_set_bitmode failed' replug 0
 refuse stall 0b 'ftdi_set_bitmode failed' unheard replug 0
 turnAway 'blank product=TQ-5' none 'cbus functions (cbus0=3, cbus1=2) are not configured'
 program blank "unknown FTDI device 'FT232R USB UART'"
+critical 'the daemon does not run' stopDaemon 'startDaemon --ignore-sigpipe'
+critical 'more than one daemon' secondDaemon 'stopDaemon KILL; daemonPid=$firstPid; replug 0'
+critical 'is stopped' 'kill -STOP $daemonPid' 'kill -CONT $daemonPid'
+critical 'hangs: restart it' fifoBriefly 'stopDaemon KILL; startDaemon --ignore-sigpipe'
+critical 'is locked' 'exec 9<"$settingsFile"; flock 9' 'exec 9<&-'
+critical 'is not a regular file' 'rm -f "$alarmsFile"; mkdir "$alarmsFile"' 'rmdir "$alarmsFile"'
+critical 'no unit is attached' unplug plug
+critical 'FTDI device is not compatible' 'unplug; sim plug 0 bcd=0400' 'replug 0'
+critical "unknown FTDI device 'Other'" 'unplug; sim plug 0 product=Other' 'replug 0'
+critical 'are not configured (cbus0=10, cbus1=3)' 'unplug; sim plug 0 eeprom=003a' 'replug 0'
+critical 'the pins of TQ-5 alarm unit' 'sim stall 0 0c' obey
+critical 'both outputs are low' 'sim pins 0 0c' obey
+lampTests 5
+meanwhile oneCheck underFlood replug 500 1500 500
+meanwhile oneCheck suspended replug 1500
+meanwhile raises replug 1500 700 1500
 END
 )
 
@@ -315,6 +331,46 @@ obey() {
     sim pins 0 auto
 }
 
+# critical TEXT CAUSE CURE: commands that bring about what the check tells so, and end it.
+critical() {
+    mayReopen=1
+    eval "$2"
+    alone checks CRITICAL "$1"
+    eval "$3"
+}
+
+secondDaemon() {
+    firstPid=$daemonPid
+    startDaemon
+}
+
+# fifoBriefly: what the daemon opened for ever is gone.
+fifoBriefly() {
+    rm -f "$alarmsFile"
+    mkfifo "$alarmsFile"
+    stampFile "$alarmsFile"
+    usleep 2500000
+    rm "$alarmsFile"
+}
+
+# lampTests N: so many are killed at any time. The next one succeeds, and leaves the file as it was.
+lampTests() {
+    local turn=0
+    mayReopen=1
+    alarm 03 '; of others\n\n[door]\nstate=closed\n'
+    cp "$alarmsFile" "$alarmsFile.before"
+    while [ "$turn" -lt "$1" ]; do
+        turn=$((turn + 1))
+        pinwatchd-alarm test 1 >/dev/null &
+        random 2500
+        usleep "${r}000"
+        kill -KILL $! 2>/dev/null
+        wait $! 2>/dev/null
+    done
+    pinwatchd-alarm test --no-wait >/run/lampTest || alone fail "$(cat /run/lampTest)"
+    expect cmp "$alarmsFile" "$alarmsFile.before"
+}
+
 # ---- Prefixes ----
 
 # flood: about 70 events of other devices; the daemon's socket holds less than ten.
@@ -358,6 +414,46 @@ suspended() {
     suspending=$!
     "$@"
     wait $suspending
+}
+
+# meanwhile FUNCTION COMMAND...: calls the function again and again meanwhile.
+meanwhile() {
+    local function=$1 repeating
+    second=1 mayReopen=1
+    shift
+    touch /run/meanwhile
+    while [ -e /run/meanwhile ]; do
+        $function
+    done 8>&- &
+    repeating=$!
+    "$@"
+    rm /run/meanwhile
+    wait $repeating
+    expect test ! -e /run/late
+}
+
+# oneCheck: it ends in its time.
+oneCheck() {
+    local began
+    uptimeCs
+    began=$uptime
+    pinwatchd-alarm check --timeout 4 >/run/check
+    uptimeCs
+    [ $((uptime - began)) -le 1200 ] || touch /run/late
+}
+
+# raises: alarms come and go as fast as can be, each with an event for the daemon.
+raises() {
+    local source running=''
+    for source in 1 2 3 4 5; do
+        {
+            pinwatchd-alarm raise "$source"
+            pinwatchd-alarm clear "$source"
+        } &
+        running="$running $!"
+    done
+    # shellcheck disable=SC2086 # several processes
+    wait $running
 }
 
 # beside UNIT OPTION COMMAND...: there is another device of the same make.
@@ -432,6 +528,13 @@ openedOnce() {
             END { exit wrong }' "$simLog"
 }
 
+# checks STATUS TEXT: the check says so.
+checks() {
+    local line
+    line=$(pinwatchd-alarm check --timeout 30)
+    case $line in "$1 - "*"$2"*) ;; *) fail "not '$1 - $2', but: $line" ;; esac
+}
+
 # calm: with nothing to do the daemon leaves the unit and the alarms file alone, does not repeat
 # itself faster than its pace of once a second, and is as large as before.
 calm() {
@@ -440,6 +543,7 @@ calm() {
     usleep 500000
     settleLog
     [ -n "$mayReopen" ] || expect openedOnce
+    checks OK 'TQ-5 alarm unit'
     last=$(tail -n 1 "$simLog")
     touch -a -d @1000000000 "$alarmsFile"
     clearLog

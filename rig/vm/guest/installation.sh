@@ -293,6 +293,8 @@ daemonEndedWith() {
 
 # startInstallation: debug level 3, system log, tq5sim without units; the daemon does not run yet.
 startInstallation() {
+    # Files that others can read they can lock.
+    umask 077
     writeSettings "[cu/params/3]
 LogDebug=3"
     startSyslog

@@ -1,0 +1,152 @@
+#include "lamptest.h"
+
+#include <fcntl.h>
+#include <strings.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+#include <deque>
+#include <vector>
+
+#include "alarmmask.h"
+#include "check.h"
+#include "daemonview.h"
+#include "iniwriter.h"
+
+namespace {
+
+constexpr const char* ownSection = "lamp test";
+constexpr const char* ownText =
+    "by 'pinwatchd-alarm test'; if it stays, that was killed, and the next one clears it";
+constexpr const char* alarmNames[] = {"no alarm", "ALARM1", "ALARM2"};
+constexpr const char* figureNames[] = {"none=", "alarm1=", "alarm2="};
+constexpr std::int64_t patienceMs = 3000;
+constexpr timespec shortNap = {0, 2000000};
+constexpr timespec longNap = {0, 50000000};
+
+volatile std::sig_atomic_t stopSignal = 0;
+
+void onSignal(int number) { stopSignal = number; }
+
+int finish(int status, const std::string& text, const std::string& figures = "") {
+    std::puts(pluginLine({status, text, figures, ""}).c_str());
+    return status;
+}
+
+// An edit that leaves this alarm alone in the test's own section, or none for 0.
+SharedFile::Edit showing(AlarmMask mask) {
+    return [mask](std::string& content) {
+        IniText ini(content);
+        bool changed = false;
+        for (AlarmMask other = 1; other <= 2; ++other) {
+            const std::string section = ownSection;
+            if (other != mask) changed |= ini.remove(&section, alarmNames[other]);
+        }
+        if (mask != 0) ini.set(ownSection, alarmNames[mask], ownText);
+        content = ini.text();
+        return changed || mask != 0;
+    };
+}
+
+AlarmMask alarmOfOthers(const std::string& path) {
+    const IniFile file(path);
+    std::deque<std::string> names;
+    file.sectionNames(names);
+    AlarmMask mask = 0;
+    for (const std::string& name : names) {
+        if (strcasecmp(name.c_str(), ownSection) == 0) continue;
+        if (file.hasKey(name, alarmNames[2])) return 2;
+        if (file.hasKey(name, alarmNames[1])) mask = 1;
+    }
+    return mask;
+}
+
+std::string inSeconds(std::int64_t ms) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.2f", static_cast<double>(ms) / 1000);
+    return text;
+}
+
+// Waits until the unit shows the alarm. False if it takes longer than the daemon may take.
+bool isShown(const UsbDevice& unit, AlarmMask mask) {
+    const std::int64_t end = nowMs() + patienceMs;
+    while (readPins(unit) != pinValues[mask]) {
+        if (nowMs() >= end) return false;
+        nanosleep(&shortNap, nullptr);
+    }
+    return true;
+}
+
+// Waits so long, less if another alarm is raised or a signal comes.
+void hold(const std::string& path, std::int64_t ms) {
+    const std::int64_t end = nowMs() + ms;
+    while (nowMs() < end && stopSignal == 0 && alarmOfOthers(path) == 0) {
+        nanosleep(&longNap, nullptr);
+    }
+}
+
+}  // namespace
+
+int lampTest(const std::string& path, unsigned seconds,
+             const std::function<void(const SharedFile::Edit&)>& change) {
+    if (geteuid() != 0) return finish(pluginUnknown, "only root may look at the unit");
+    // The kernel takes this lock back whatever ends the test.
+    const int lock = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
+    if (flock(lock, LOCK_EX | LOCK_NB) != 0) {
+        return finish(pluginUnknown, "another lamp test is going on");
+    }
+    change(showing(0));  // what one that was killed has left
+    const Verdict verdict = judge(path);
+    if (verdict.status > pluginWarning) {
+        return finish(verdict.status, "no lamp test: " + verdict.text);
+    }
+    if (const AlarmMask raised = alarmOfOthers(path)) {
+        return finish(pluginWarning, std::string(alarmNames[3 - raised]) + " is not tested, " +
+                                         (raised == 1 ? "it would hide" : "it is hidden by") +
+                                         " an alarm: " + verdict.text);
+    }
+    bool hidden = false;
+    const std::vector<pid_t> daemons = findDaemons(hidden);
+    const UsbDevice unit = daemons.empty() ? UsbDevice() : openedDevice(daemons.front());
+
+    signal(SIGPIPE, SIG_IGN);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
+        if (signal(number, onSignal) == SIG_IGN) signal(number, SIG_IGN);
+    }
+    std::string figures;
+    std::string failure;
+    for (const AlarmMask mask : {AlarmMask{1}, AlarmMask{2}, AlarmMask{0}}) {
+        // The last one is the end, which comes in any case.
+        const bool isOver = stopSignal != 0 || !failure.empty() || alarmOfOthers(path) != 0;
+        if (isOver && mask != 0) continue;
+        const std::int64_t began = nowMs();
+        change(showing(mask));
+        if (isOver) break;
+        const bool reached = isShown(unit, mask);
+        const std::string delay = inSeconds(nowMs() - began);
+        if (reached) {
+            std::printf("%s s: CBUS0 %s, CBUS1 %s, %s\n", delay.c_str(), mask == 2 ? "low" : "high",
+                        mask == 1 ? "low" : "high", alarmNames[mask]);
+            std::fflush(stdout);
+            if (mask != 0) hold(path, std::int64_t{1000} * seconds);
+        }
+        figures += (figures.empty() ? "" : " ") + std::string(figureNames[mask]) + delay + "s";
+        // Another alarm may have come between.
+        if ((!reached || readPins(unit) != pinValues[mask]) && alarmOfOthers(path) == 0) {
+            failure = std::string(alarmNames[mask]) +
+                      (reached ? " does not stay at the pins" : " is not shown within 3 seconds") +
+                      ": " + judge(path).text;
+        }
+    }
+    if (stopSignal != 0) return 128 + stopSignal;
+    if (!failure.empty()) return finish(pluginCritical, failure, figures);
+    if (alarmOfOthers(path) != 0) {
+        return finish(pluginWarning, "ended, for an alarm was raised: " + judge(path).text,
+                      figures);
+    }
+    return finish(pluginOk, nameOf(unit) + " has shown both alarms", figures);
+}
