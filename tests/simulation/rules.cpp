@@ -121,13 +121,16 @@ void Rules::pinsSet() {
         world->fail("%s is opened again", open->node().c_str());
 }
 
-void Rules::logged(const std::string& format) {
+void Rules::logged(const std::string& format, const std::string& line) {
     if (format == "device is not 'usb_device'" || format == "can't get device node path" ||
         format == "udev: FTDI USB device (%s) removed" || format == "USB device VID/PID: %s:%s") {
         ++lines;
     } else if (format == "FTDI device is not compatible") {
         ++searches;
         if (--chipRefusals < 0) world->fail("a device with another chip is tried too often");
+    } else if (format == "USB device %s is still attached after '%s'") {
+        const std::string node = line.substr(11, 7);
+        if (!kernel->find(node)) world->fail("%s is said to be attached", node.c_str());
     }
 }
 

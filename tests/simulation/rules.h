@@ -37,7 +37,7 @@ public:
     // Of the loop: a cycle; a wait; a message; the log's level is changed.
     void cycle() { ++cycles; }
     void waited() { ++waits; }
-    void logged(const std::string& format);
+    void logged(const std::string& format, const std::string& line);
     void levelChanged() { countsLines = false; }
 
     // Nothing has happened for some time: what must be so now.

@@ -344,7 +344,7 @@ void vsyslog(int priority, const char* text, va_list arguments) {
     char line[400];
     vsnprintf(line, sizeof line, text, arguments);
     world->note("<%d> %s", priority, line);
-    rules->logged(text);
+    rules->logged(text, line);
 }
 
 void openlog(const char*, int, int) {}
