@@ -181,18 +181,20 @@ int pselect(int, fd_set* readable, fd_set*, fd_set*, const timespec* limit, cons
     const Call call("pselect");
     rules->waited();
     daemonSystem->blocked = sigismember(mask, SIGTERM) == 1;
+    // Another signal may interrupt a wait, but not what need not wait.
     const bool wasReadable = readable && kernel->isReadable();
-    if (!wasReadable && !call.fails) {
-        const Time duration = limit ? limit->tv_sec * second + limit->tv_nsec : never;
+    const Time duration = limit ? limit->tv_sec * second + limit->tv_nsec : never;
+    const bool interrupted = call.fails && !wasReadable;
+    if (!wasReadable && !interrupted) {
         world->wait([&] {
             return (readable && kernel->isReadable()) || daemonSystem->pendingSignal != 0;
         }, duration);
         world->pass(microsecond);  // if the process is stopped, it returns after that
     }
-    const bool interrupted = daemonSystem->pendingSignal != 0;
-    daemonSystem->deliver(true);
+    const bool stopped = daemonSystem->pendingSignal != 0;
+    daemonSystem->deliver(duration > 0);
     daemonSystem->blocked = true;
-    if (interrupted || call.fails) return call.failure(EINTR);
+    if (interrupted || stopped) return call.failure(EINTR);
     const bool isReadable = readable && kernel->isReadable();
     if (readable && !isReadable) FD_ZERO(readable);
     return isReadable ? 1 : 0;
