@@ -92,7 +92,7 @@ void Life::build() {
     kernel->sendsBind = !world->once(4);
     kernel->hasDriver = world->once(3);
     kernel->room = 1 + world->random(4);
-    if (world->once(5)) kernel->nodes = "/proc/bus/usb/";
+    if (!kernel->sendsBind && world->once(3)) kernel->nodes = "/proc/bus/usb/";
     if (world->once(3)) kernel->occupied = static_cast<int>(world->random(115));
     libraries->hasTree = !world->once(4);
     spoilsSocket = world->once(8);
