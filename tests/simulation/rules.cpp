@@ -11,6 +11,7 @@ Rules* rules = nullptr;
 namespace {
 
 constexpr int maxTries = 3;
+constexpr int maxChipRefusals = maxTries + 1;  // a list may name it when it is gone
 constexpr Time firstHour = 3600 * second;
 constexpr long someBlocks = 100;
 constexpr int mostSearches = 8;
@@ -34,7 +35,7 @@ void Rules::started() {
         device->heard = device->eventsLost = device->triggered = device->second = false;
         device->tries = device->spoilt = device->served = 0;
         device->atStart = true;
-        if (device->unit->release != 0x0600) chipRefusals += maxTries;
+        if (device->unit->release != 0x0600) chipRefusals += maxChipRefusals;
     }
     countsLines = false;
 }
@@ -52,7 +53,7 @@ void Rules::ended() {
 }
 
 void Rules::attached(const DevicePointer& device) {
-    if (device->unit->isFt232() && device->unit->release != 0x0600) chipRefusals += maxTries;
+    if (device->unit->isFt232() && device->unit->release != 0x0600) chipRefusals += maxChipRefusals;
     if (open && open->inSysfs) device->second = true;
 }
 
@@ -72,7 +73,7 @@ void Rules::received(const Event& event) {
     if (event.action == "add") {
         event.device->heard = true;
         event.device->tries = 0;
-        if (event.device->unit->release != 0x0600) chipRefusals += maxTries;
+        if (event.device->unit->release != 0x0600) chipRefusals += maxChipRefusals;
         if (event.device->unit->isFt232()) ++searches;
     } else if (event.action != "remove" && event.device == open) {
         ++searches;
@@ -92,7 +93,7 @@ void Rules::listingFailed() {
     for (const DevicePointer& device : kernel->devices) {
         device->tries = 0;
         ++device->spoilt;
-        if (device->unit->release != 0x0600) chipRefusals += maxTries;
+        if (device->unit->release != 0x0600) chipRefusals += maxChipRefusals;
     }
 }
 
