@@ -82,12 +82,11 @@ AlarmDaemon::Step AlarmDaemon::serveUnit(UeventMonitor& monitor) {
 
 bool AlarmDaemon::unitHasLeft(UeventMonitor& monitor, bool writeFailed) {
     if (monitor.takeHeard()) device.heedEvents();
+    // No event will tell of its removal, as if each were lost.
+    if (!device.isNamedByEvents()) monitor.requestRescan();
     if (monitor.checkRemoved(device.nodePath) && !monitor.added) return !monitor.tellsOfArrival();
     monitor.pauseWithoutSocket();
-
-    const bool mayHaveLeft =
-        monitor.takeOverrun(writeFailed) || (!device.isNamedByEvents() && monitor.heardRemoval());
-    if (!mayHaveLeft || !device.isGone()) return false;
+    if (!monitor.takeOverrun(writeFailed) || !device.isGone()) return false;
     monitor.requestRescan();  // its successor may have come unheard as well
     return true;
 }

@@ -45,14 +45,6 @@ bool isMissing(const std::string& node) {
     return access(node.c_str(), F_OK) != 0 && errno == ENOENT;
 }
 
-// Whether a listed device is that of the event, whose path names no hubs before it.
-bool isSameDevice(const std::string& listedPath, const std::string& eventPath) {
-    const std::size_t bus = listedPath.find('/');
-    const std::size_t device = listedPath.rfind('/');
-    return listedPath == eventPath ||
-           (bus != device && listedPath.substr(0, bus) + listedPath.substr(device) == eventPath);
-}
-
 }  // namespace
 
 const char* TQ5Ftdi::tr(const char* message) {
@@ -131,7 +123,8 @@ bool TQ5Ftdi::openListed(Choice choice, const std::string& path) {
 
 // Units elsewhere are not even asked for their product string.
 bool TQ5Ftdi::isChosen(UsbDevice* dev, Choice choice, const std::string& path) const {
-    if (choice == Choice::atPath) return isSameDevice(deviceNodePath(dev), path);
+    // Events name no hubs before a device.
+    if (choice == Choice::atPath) return deviceNodePath(dev) == path || deviceFile(dev) == path;
     if (choice == Choice::any) return true;
     const auto entry = refusals.find(findDeviceNode(dev));
     return entry == refusals.end() || entry->second < maxRefusals;
@@ -202,7 +195,7 @@ void TQ5Ftdi::heedEvents() {
 
 bool TQ5Ftdi::isNamedByEvents() const {
     const std::size_t slash = nodePath.find('/');
-    return slash != std::string::npos && slash == nodePath.rfind('/');
+    return slash + 1 < nodePath.size() && slash == nodePath.rfind('/');
 }
 
 bool TQ5Ftdi::isGone() const {

@@ -55,8 +55,9 @@ public:
     // the library handle hot-plug events of its own, which it keeps until then.
     void heedEvents();
 
-    // Whether `nodePath` is as events give it. Behind an external hub that of a unit which was
-    // found by a search is not, so no event reports its removal.
+    // Whether `nodePath` is as events give it, so that one reports the unit's removal. That of a
+    // unit which a search found behind an external hub is not, nor that of one which is not in
+    // libusb's tree.
     bool isNamedByEvents() const;
 
     // True when the open unit's device node below /dev/bus/usb (/proc/bus/usb on older systems)

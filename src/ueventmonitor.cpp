@@ -133,10 +133,6 @@ bool UeventMonitor::takeStayingUnit() {
     return true;
 }
 
-bool UeventMonitor::heardRemoval() const {
-    return event.usbDevice && !event.deviceNumber.empty() && !added;
-}
-
 bool UeventMonitor::takeHeard() { return std::exchange(heard, false) || fd < 0; }
 
 bool UeventMonitor::takeOverrun(bool suspected) {

@@ -40,12 +40,9 @@ public:
     // USB device with these IDs; `nodePath` then names it.
     bool waitForDevice(int vendorId, int productId);
 
-    // Waits one second at most (without limit, and never true, for an empty path). True only
-    // for an event of the USB device at `watchedPath` whose action is not "add".
+    // Waits one second at most; for an empty path as waitForDevice does, and is never true. True
+    // only for an event of the USB device at `watchedPath` whose action is not "add".
     bool checkRemoved(const std::string& watchedPath);
-
-    // Whether the last call handled an event of a USB device that was no arrival.
-    bool heardRemoval() const;
 
     // Where there is no socket, and so nothing to wait for, waits a second or until a signal.
     void pauseWithoutSocket() const;

@@ -55,6 +55,7 @@ void endListing(ftdi_context& ftdi) {
 }
 
 void handleEvents(ftdi_context& ftdi) {
+    // Larger than libusb's own on i386, whose times have 32 bits: zero is the same in both.
     timeval noWait = {};
     libusb_handle_events_timeout_completed(ftdi.usb_ctx, &noWait, nullptr);
 }

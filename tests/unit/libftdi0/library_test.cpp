@@ -30,7 +30,9 @@ TEST_F(LibraryTest, FindsTheNodePathBehindAHub) {
             EXPECT_EQ(driver.isNamedByEvents(), std::string(path) == "001/003");
             driver.close();
         }
-        EXPECT_FALSE(driver.openByNodePath("001/009"));
+        EXPECT_TRUE(driver.openByNodePath("001/009"));  // not in the tree
+        driver.close();
+        EXPECT_FALSE(driver.openByNodePath("001/010"));
     }
     listedBus.root_dev = nullptr;
     EXPECT_EQ(deviceNodePath(&unit), "001/003");
