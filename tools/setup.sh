@@ -178,7 +178,7 @@ becomeOwner() {
 prepareVm() {
     local kernel
     for kernel; do
-        if [ ! build/vm/base.cpio -nt rig/vm/image ] || [ ! -e "build/vm/$kernel" ]; then
+        if [ ! build/vm/base.cpio -nt rig/vm/image ] || [ ! "build/vm/$kernel" -nt rig/vm/image ]; then
             quietly "fetching the VM's kernel $kernel (50 to 110 MB) and i386 libraries" \
                 "${as_owner[@]}" rig/vm/image "$kernel"
         fi
