@@ -1,14 +1,9 @@
 // What loading a document costs, beside INIReader of libinih, and what reducing it to the alarm
-// mask costs.
-//   costs CASE FILE COUNT  does the case so often; prints the shortest time, in ns
+// mask costs: costs FOLDER [OPTION of Google Benchmark...], with the files that bench/run writes.
 
 #include <INIReader.h>
+#include <benchmark/benchmark.h>
 
-#include <algorithm>
-#include <chrono>
-#include <cstdlib>
-#include <iostream>
-#include <limits>
 #include <string>
 
 #include "alarmmask.h"
@@ -22,18 +17,25 @@ __attribute__((noinline)) void evaluate(const IniFile& document) { evaluateAlarm
 
 }  // namespace
 
-int main(int, char* argv[]) {
-    const std::string name = argv[1], path = argv[2];
-    const IniFile document(name == "evaluate" ? path : "");
-    auto best = std::numeric_limits<std::chrono::nanoseconds::rep>::max();
-    for (long left = std::strtol(argv[3], nullptr, 10); left > 0; --left) {
-        const auto began = std::chrono::steady_clock::now();
-        if (name == "IniFile") loadIniFile(path);
-        if (name == "INIReader") loadIniReader(path);
-        if (name == "evaluate") evaluate(document);
-        const std::chrono::nanoseconds took = std::chrono::steady_clock::now() - began;
-        best = std::min(best, took.count());
+int main(int argc, char* argv[]) {
+    benchmark::Initialize(&argc, argv);
+    const std::string folder = std::string(argv[1]) + "/";
+    for (const char* file : {"small", "1-MB", "1-MB-line"}) {
+        const auto load = [](benchmark::State& state, auto function, const std::string& path) {
+            for (auto turn : state) function(path);
+        };
+        const std::string name = std::string("/") + file;
+        benchmark::RegisterBenchmark(("IniFile" + name).c_str(), load, loadIniFile, folder + file);
+        benchmark::RegisterBenchmark(("INIReader" + name).c_str(), load, loadIniReader, folder + file);
     }
-    std::cout << best << '\n';
+    for (const char* sections : {"10", "1000", "100000"}) {
+        const auto reduce = [](benchmark::State& state, const std::string& path) {
+            const IniFile document(path);
+            for (auto turn : state) evaluate(document);
+        };
+        benchmark::RegisterBenchmark((std::string("evaluate/") + sections).c_str(), reduce,
+                                     folder + "sections-" + sections);
+    }
+    benchmark::RunSpecifiedBenchmarks();
     return 0;
 }

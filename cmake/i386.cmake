@@ -8,10 +8,8 @@ set(CMAKE_CXX_COMPILER i686-linux-gnu-g++)
 # The compiler's own folder: libc and libstdc++ for i386.
 set(i386Runtime /usr/i686-linux-gnu)
 
-set(PINWATCHD_I386_SYSROOT ${CMAKE_CURRENT_LIST_DIR}/../build/i386-sysroot
-    CACHE PATH "i386 libftdi and libusb, as tools/sysroot leaves them")
-list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES PINWATCHD_I386_SYSROOT)
-get_filename_component(i386Sysroot ${PINWATCHD_I386_SYSROOT} ABSOLUTE)
+# What tools/sysroot leaves.
+get_filename_component(i386Sysroot ${CMAKE_CURRENT_LIST_DIR}/../build/i386-sysroot ABSOLUTE)
 if(NOT EXISTS ${i386Sysroot}/complete)
     message(FATAL_ERROR "no i386 libraries in ${i386Sysroot}: run tools/sysroot i386 on it")
 endif()

@@ -1,6 +1,6 @@
-# shellcheck shell=bash
-# Sourced by ./run and ./test, with the root of the tree as current folder: the steps from a
-# machine with nothing installed to a built tree. Each is quick when it has been done before.
+# shellcheck shell=bash disable=SC2154 # variables of script.sh
+# Sourced after script.sh, with the root of the tree as current folder: the steps from a machine with
+# nothing installed to a built tree. Each is quick when it has been done before.
 
 # packagesFor PURPOSE...: prints the Debian packages that these need.
 packagesFor() {
@@ -35,49 +35,6 @@ if [ "$(id -u)" -eq 0 ] && [ "$(stat -c %u .)" -ne 0 ]; then
     as_owner=(setpriv --reuid "$(stat -c %u .)" --regid "$(stat -c %g .)" --init-groups
         env HOME="$(getent passwd "$(stat -c %u .)" | cut -d: -f6)")
 fi
-
-# What the script does at the moment, and the process of it that `launch` began.
-step=
-started=
-
-# launch COMMAND...: in the background, so that a signal to this script ends it at once, and in a
-# process group of its own with all that it starts.
-launch() {
-    set -m
-    "$@" &
-    set +m
-    started=$!
-}
-
-# finish: waits for what was started; its status.
-finish() {
-    local status=0
-    wait "$started" || status=$?
-    started=
-    return "$status"
-}
-
-# shellcheck disable=SC2317 # called by traps
-interrupted() {
-    trap '' HUP INT TERM
-    if [ -n "$started" ]; then
-        kill -- "-$started" 2>/dev/null || true
-        wait "$started" || true
-    fi
-    echo "interrupted: ${step:-${0##*/}}" >&2
-    exit "$1"
-}
-trap 'interrupted 129' HUP
-trap 'interrupted 130' INT
-trap 'interrupted 143' TERM
-
-# waitForLock DESCRIPTOR: until no other command holds it.
-waitForLock() {
-    if ! flock -n "$1"; then
-        echo "==> waiting for another command that builds here"
-        flock "$1"
-    fi
-}
 
 # lockBuild: for what two commands must not do at once in one clone; closing 8 ends it.
 lockBuild() {
@@ -121,22 +78,16 @@ missingPackages() {
 installPackages() {
     local missing as_root=() log=build/logs/install.log began=$SECONDS
     if ! mkdir -p build/logs 2>/dev/null || [ ! -w build/logs ]; then
-        echo "cannot write in $PWD/build, which belongs to $(stat -c %U "$([ -d build ] && echo build || echo .)")" >&2
-        exit 1
+        fail "cannot write in $PWD/build, which belongs to $(stat -c %U "$([ -d build ] && echo build || echo .)")"
     fi
     touch "$log"
     giveToOwner build build/logs "$log"
-    if ! command -v apt-get >/dev/null; then
-        echo "no apt-get here: this works on Debian 12 and 13" >&2
-        exit 1
-    fi
+    command -v apt-get >/dev/null || fail "no apt-get here: this works on Debian 12 and 13"
     mapfile -t missing < <(missingPackages "$@")
     [ "${#missing[@]}" -gt 0 ] || return 0
     if [ "$(id -u)" -ne 0 ]; then
-        if ! command -v sudo >/dev/null; then
-            echo "these packages are missing, and installing needs root: ${missing[*]}" >&2
-            exit 1
-        fi
+        command -v sudo >/dev/null ||
+            fail "these packages are missing, and installing needs root: ${missing[*]}"
         as_root=(sudo)
     fi
     as_root+=(env DEBIAN_FRONTEND=noninteractive LC_ALL=C)
@@ -156,11 +107,9 @@ installMissing() {
     "${as_root[@]}" apt-get -q update >"$log" 2>&1 8>&- || true
     "${as_root[@]}" "${install[@]}" --assume-no 2>/dev/null 8>&- |
         sed -n '/^Need to get\|^After this/s/^/    /p'
-    if ! "${as_root[@]}" "${install[@]}" -y >>"$log" 2>&1 8>&-; then
-        echo "cannot install ${missing[*]} from this machine's package sources (/etc/apt);" \
-            "apt's output is in $log" >&2
-        exit 1
-    fi
+    "${as_root[@]}" "${install[@]}" -y >>"$log" 2>&1 8>&- ||
+        fail "cannot install ${missing[*]} from this machine's package sources (/etc/apt);" \
+            "apt's output is in $log"
     step=
     printf '    done in %d s\n' $((SECONDS - began))
 }
@@ -169,8 +118,7 @@ installMissing() {
 # arguments starts anew as that user, so that what it builds is the user's.
 becomeOwner() {
     if [ "${#as_owner[@]}" -gt 0 ]; then
-        # The scripts have changed into the clone since they were called.
-        exec "${as_owner[@]}" "$(cd "$OLDPWD" && realpath "$0")" "$@"
+        exec "${as_owner[@]}" "$self" "$@"
     fi
 }
 

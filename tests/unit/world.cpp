@@ -75,8 +75,7 @@ std::string World::take() { return std::exchange(trace, ""); }
 WorldTest::WorldTest() {
     char pattern[] = "/tmp/pinwatchd-test-XXXXXX";
     folder = mkdtemp(pattern);
-    world.~World();
-    new (&world) World;
+    world = {};
     SysLog::release();
     SysLog::instance()->configure(0, 0, false);
     world.trace.clear();

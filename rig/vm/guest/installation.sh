@@ -1,6 +1,6 @@
 # shellcheck shell=dash
 # Read in by rig/vm/run before a script: an installation to play with, the daemon with its files,
-# virtual units and a system log. For busybox sh, as root. The VM is the clean-up.
+# virtual units and a system log. For busybox sh and bash, as root. The VM is the clean-up.
 
 settingsFile=/opt/orvel/etc/orvel.conf
 dataDir=/tmp/orvel/data
@@ -15,7 +15,7 @@ plain="${escape}[0m"
 daemonPid=$(pidof pinwatchd)
 # The virtual controller has two buses; full-speed units come onto the slower one.
 for rootHub in /sys/devices/platform/vhci_hcd.0/usb[0-9]*; do
-    [ "$(cat "$rootHub/speed")" != 480 ] || unitBus=${rootHub##*/usb}
+    [ "$(cat "$rootHub/speed" 2>/dev/null)" != 480 ] || unitBus=${rootHub##*/usb}
 done
 limit=180 # seconds for what takes one or two on a machine that has the time
 late=0    # by how many hundredths of a second the worst nap was too long
@@ -28,6 +28,13 @@ uptimeCs() {
     read -r whole _ </proc/uptime
     uptime=${whole%.*}${whole#*.}
 }
+
+# A Debian has none.
+if ! command -v usleep >/dev/null; then
+    usleep() {
+        sleep "$(printf '0.%06d' "$1")"
+    }
+fi
 
 # nap MS: sleeps, and notes in `late` how long the machine took to go on.
 nap() {
@@ -69,6 +76,11 @@ expectNot() {
     ! "$@" || fail "true: $*"
 }
 
+# silently COMMAND...: shows its output only if it fails.
+silently() {
+    "$@" >/run/output 2>&1 || { cat /run/output && return 1; }
+}
+
 # fail TEXT: ends the script, with the ends of the logs.
 fail() {
     echo "  failed: $*"
@@ -78,6 +90,7 @@ fail() {
         echo "  --- end of $log"
         tail -n 25 "$log" 2>/dev/null | sed 's/^/  /'
     done
+    [ ! -d /run/systemd/system ] || journalctl --no-pager -b -t pinwatchd -t systemd | tail -n 30
     # Nothing, if no sanitizer found a fault.
     head -n 25 "$daemonOutput" 2>/dev/null | sed 's/^/  /'
     exit 1
