@@ -1,46 +1,11 @@
-#!/bin/bash
-# Runs in the VM of lifecycle once it is up, under systemd or sysvinit: the package from its
-# installation, over an earlier one, to its purge. The last line is "lived" if all held.
+# shellcheck shell=bash disable=SC2154 # variables of installation.sh
+# Runs in a Debian in the VM once it is up, under systemd or sysvinit: the package from its
+# installation, over an earlier one, to its purge.
 
-exec </dev/null >/dev/ttyS1 2>&1
-export PATH=/usr/sbin:/usr/bin:/sbin:/bin DEBIAN_FRONTEND=noninteractive
+export DEBIAN_FRONTEND=noninteractive
 service=/etc/init.d/pinwatchd
-settings=/opt/orvel/etc/orvel.conf
 overlay=/var/opt/orvel/etc/orvel.conf
 asNobody=(setpriv --reuid=nobody --regid=nogroup --clear-groups)
-
-# ---- Expectations ----
-
-fail() {
-    echo "failed: $*"
-    [ ! -d /run/systemd/system ] || journalctl --no-pager -b -t pinwatchd -t systemd | tail -n 30
-    tail -n 20 /trial/sim.log /trial/output
-    end
-}
-
-end() {
-    sleep 1
-    echo o >/proc/sysrq-trigger
-    sleep 60
-}
-
-# expect TEXT COMMAND...: the command must succeed.
-expect() {
-    local text=$1
-    shift
-    "$@" >/trial/output 2>&1 || fail "$text: not true: $*"
-}
-
-# waitFor TEXT COMMAND...: up to three minutes, for the machine may be busy.
-waitFor() {
-    local text=$1 deadline=$((SECONDS + 180))
-    shift
-    until "$@"; do
-        [ $SECONDS -lt $deadline ] || fail "$text"
-        sleep 0.1
-    done
-    echo "ok $text"
-}
 
 hasStatus() {
     local status=0 expected=$1
@@ -49,29 +14,26 @@ hasStatus() {
     [ "$status" -eq "$expected" ]
 }
 
-mode() {
-    [ "$(stat -c '%U:%G %a' "$1")" = "$2" ]
-}
-
-pins() {
-    [[ $(grep ' pins=' /trial/sim.log | tail -n 1) == *" pins=$1 "* ]]
+# hasMode FILE OWNER:GROUP MODE
+hasMode() {
+    [ "$(stat -c '%U:%G %a' "$1")" = "$2 $3" ]
 }
 
 # raise ALARM FILE PINS
 raise() {
-    expect "clear" pinwatchd-alarm --file "$2" clear --all
-    expect "raise" pinwatchd-alarm --file "$2" raise trial "$1"
-    waitFor "$1 in $2" pins "$3"
+    expect silently pinwatchd-alarm --file "$2" clear --all
+    expect silently pinwatchd-alarm --file "$2" raise trial "$1"
+    expectPins 0 "$3"
 }
 
 # Every file with its type, mode, owner and content, but for what the system itself records.
 listTree() {
     {
-        find / -xdev \( -path /trial -o -path /var/lib/dpkg -o -path /var/lib/systemd -o -path /var/log \
+        find / -xdev \( -path /vm -o -path /var/lib/dpkg -o -path /var/lib/systemd -o -path /var/log \
             -o -path /var/cache -o -name '.depend.*' \) -prune -o ! -path /tmp ! -path /run \
             -printf '%y %m %u:%g %p %l\n' -type f -exec md5sum {} +
         find /run /tmp \( -name '*pinwatchd*' -o -name '*orvel*' \)
-    } | sort >"/trial/tree.$1"
+    } | sort >"/run/tree.$1"
 }
 
 # ---- From a bare chip to a unit ----
@@ -81,17 +43,13 @@ said() {
     [ ! -d /run/systemd/system ] || journalctl -b -t pinwatchd | tail -n "+$logStart" | grep -qF "$1"
 }
 
-isAttached() {
-    [ -e /sys/bus/usb/devices/1-1:1.0 ]
-}
-
 # plug [OPTION...]: another unit, or without options the same one again.
 plug() {
-    echo "unplug 0" >&8
-    waitFor "unplugged" test ! -e /sys/bus/usb/devices/1-1
+    sim unplug 0
+    await test ! -e /sys/bus/usb/devices/1-1
     [ ! -d /run/systemd/system ] || logStart=$(($(journalctl -b -t pinwatchd | wc -l) + 1))
-    echo "plug 0 $*" >&8
-    waitFor "plugged in" isAttached
+    sim plug 0 "$@"
+    await enumerated 0
 }
 
 # step N: the commands of this step in the manual, for the unit that is here.
@@ -102,19 +60,20 @@ step() {
 
 # makeUnit MESSAGE: the daemon turns the module away with the message; the manual's steps mend that.
 makeUnit() {
-    waitFor "$1" said "$1"
+    await said "$1"
     rm -rf tq5
-    export -f plug waitFor fail isAttached
+    export -f plug
     {
+        echo . /vm/installation.sh
         step 1
         step 2
         echo plug
         step 3
     } >steps
     bash -e steps >steps.log 2>&1 || fail "the manual's steps: $(cat steps.log)"
-    expect "found" grep -x "serial:TQ5SIM00" steps.log
-    expect "written" grep -x "FTDI write eeprom: 0" steps.log
-    waitFor "opened" said "opened FTDI device 'TQ-5 alarm unit'"
+    expect silently grep -x "serial:TQ5SIM00" steps.log
+    expect silently grep -x "FTDI write eeprom: 0" steps.log
+    await said "opened FTDI device 'TQ-5 alarm unit'"
     raise ALARM2 /run/orvel/alarms 02
     raise ALARM1 /run/orvel/alarms 01
 }
@@ -127,7 +86,7 @@ fromChipToUnit() {
     sed 's/tq5.eeprom/written.eeprom/' tq5/tq5.conf >tq5/bad.conf
     echo flash_raw=true >>tq5/bad.conf
     service pinwatchd stop
-    expect "damaged" env -C tq5 ftdi_eeprom --flash-eeprom bad.conf
+    expect silently env -C tq5 ftdi_eeprom --flash-eeprom bad.conf
     plug
     service pinwatchd start
     makeUnit "unknown FTDI device 'FT232R USB UART'"
@@ -151,142 +110,144 @@ withSystemd() {
     local pid
     pid=$(pidof pinwatchd)
     kill -KILL "$pid"
-    waitFor "restarted after a kill" restartedFrom "$pid"
-    waitFor "the alarm again" pins 01
+    await restartedFrom "$pid"
+    expectPins 0 01
     systemctl stop pinwatchd
     [ "$(systemctl show -P Result -P ExecMainStatus pinwatchd | xargs)" = "success 0" ] || fail "orderly stop"
     systemctl start pinwatchd
     pinwatchd-alarm clear --all
-    waitFor "all cleared" pins 03
+    expectPins 0 03
     printf '%s\n' '[Unit]' 'OnFailure=pinwatchd-alarm@%n.service' '[Service]' Type=oneshot User=nobody \
-        'ExecStart=test -e /trial/good' 'ExecStartPost=-+/usr/bin/pinwatchd-alarm clear %n' \
+        'ExecStart=test -e /vm/good' 'ExecStartPost=-+/usr/bin/pinwatchd-alarm clear %n' \
         >/run/systemd/system/my-job.service
     systemctl start my-job
-    waitFor "the alarm of a unit that failed" pins 01
-    expect "its name" grep -qx '\[my-job.service\]' /run/orvel/alarms
-    touch /trial/good
+    expectPins 0 01
+    expect grep -qx '\[my-job.service\]' /run/orvel/alarms
+    touch /vm/good
     systemctl start my-job
-    waitFor "cleared at its next success" pins 03
+    expectPins 0 03
     raise ALARM1 /run/orvel/alarms 01
 }
 
 withSysvinit() {
     local pid
     pid=$(cat /run/pinwatchd.pid)
-    expect "status for all" "${asNobody[@]}" $service status
-    expect "start for root alone" hasStatus 4 "${asNobody[@]}" $service start
+    expect silently "${asNobody[@]}" $service status
+    expect silently hasStatus 4 "${asNobody[@]}" $service start
     # Bit 12 of the ignored signals is SIGPIPE.
-    expect "SIGPIPE ignored" test $((0x$(sed -n 's/^SigIgn:\s*//p' "/proc/$pid/status") >> 12 & 1)) -eq 1
-    expect "limited memory" grep -q 'Max data size *33554432 ' "/proc/$pid/limits"
-    expect "start again" $service start
-    expect "same process" test "$pid" = "$(cat /run/pinwatchd.pid)"
-    expect "stop" $service stop
-    expect "stopped" hasStatus 3 $service status
+    expect test $((0x$(sed -n 's/^SigIgn:\s*//p' "/proc/$pid/status") >> 12 & 1)) -eq 1
+    expect grep -q 'Max data size *33554432 ' "/proc/$pid/limits"
+    expect silently $service start
+    expect test "$pid" = "$(cat /run/pinwatchd.pid)"
+    expect silently $service stop
+    expect silently hasStatus 3 $service status
     # Started with SIGPIPE at its default action, as by hand, it dies of it; that is a stop too.
     /opt/orvel/bin/pinwatchd &
     echo $! >/run/pinwatchd.pid
-    expect "takes over" $service status
-    expect "stop by SIGPIPE" $service stop
-    expect "killed by SIGPIPE" hasStatus 141 wait $!
+    expect silently $service status
+    expect silently $service stop
+    expect hasStatus 141 wait $!
     races
-    expect "start" $service start
+    expect silently $service start
 }
 
 # Others start it too, or stop it at once.
 races() {
     for _ in 1 2 3; do
         printf '%s\n' start start start | xargs -n 1 -P 3 $service
-        expect "one daemon" daemons 1
+        expect daemons 1
         $service stop
         $service start
         $service stop
-        expect "stopped at once" daemons 0
-    done >/trial/output
+        expect daemons 0
+    done >/run/output
 }
 
 # ---- The life ----
 
-cd /trial || exit
-echo "ok booted"
+cd /vm || exit
 listTree before
 
 # Another user was first in /tmp.
 mkdir /tmp/orvel
 chown nobody /tmp/orvel
-expect "install 1.0.0" dpkg -i first.deb
-expect "not touched" mode /tmp/orvel "nobody:root 755"
+expect silently dpkg -i first.deb
+expect hasMode /tmp/orvel nobody:root 755
 rmdir /tmp/orvel
-expect "restart" service pinwatchd restart
-expect "data directory in /tmp" mode /tmp/orvel/data "root:root 750"
-waitFor "started" daemons 1
+expect silently service pinwatchd restart
+expect hasMode /tmp/orvel/data root:root 750
+await daemons 1
 # After the daemon's start: it may use what it could not name by then.
 for module in usb-common usbcore usbip-core vhci-hcd; do
-    insmod "/trial/lib/modules/$module.ko"
+    insmod "/vm/lib/modules/$module.ko"
 done
-mkfifo sim
-./tq5sim <sim >sim.log 2>&1 &
-exec 8>sim
-echo "plug 0" >&8
-waitFor "no alarm" pins 03
+# Once more, for the bus that is there now.
+# shellcheck source=rig/vm/guest/installation.sh
+. /vm/installation.sh
+startSim
+sim plug 0
+expectPins 0 03
 raise ALARM1 /tmp/orvel/data/alarms 01
+echo "ok served"
 
 pid=$(pidof pinwatchd)
-expect "upgrade from 1.0.0" dpkg -i this.deb
-waitFor "restarted" restartedFrom "$pid"
-expect "whole" dpkg -V pinwatchd
-expect "settings" mode $settings "root:root 640"
-expect "overlay's directory" mode ${overlay%/*} "root:root 750"
-waitFor "the alarm as before" pins 01
-expect "the old path leads there" test -e /run/orvel/alarms
+expect silently dpkg -i this.deb
+await restartedFrom "$pid"
+expect dpkg -V pinwatchd
+expect hasMode "$settingsFile" root:root 640
+expect hasMode ${overlay%/*} root:root 750
+expectPins 0 01
+expect test -e /run/orvel/alarms
 raise ALARM2 /tmp/orvel/data/alarms 02
-expect "its mode" mode /run/orvel "root:root 750"
+expect hasMode /run/orvel root:root 750
 
 # What mktemp leaves: readable for the publisher alone.
 echo 'ALARM2=1' >new
 chmod 600 new
 chown nobody new
 mv new /run/orvel/alarms
-waitFor "ALARM2 in a file of nobody's own" pins 02
+expectPins 0 02
 rm /run/orvel/alarms
 raise ALARM1 /run/orvel/alarms 01
-echo "unplug 0" >&8
-waitFor "unplugged" test ! -e /sys/bus/usb/devices/1-1
-echo "plug 0" >&8
-waitFor "the alarm after plugging in again" pins 01
+sim unplug 0
+await test ! -e /sys/bus/usb/devices/1-1
+sim plug 0
+expectPins 0 01
 fromChipToUnit
+echo "ok from chip to unit"
 if [ -d /run/systemd/system ]; then withSystemd; else withSysvinit; fi
-waitFor "the alarm after all that" pins 01
+expectPins 0 01
+echo "ok as a service"
 
-chmod 644 $settings
-sed -i 's/^LogDebug = 0/LogDebug = 2/' $settings
+chmod 644 "$settingsFile"
+sed -i 's/^LogDebug = 0/LogDebug = 2/' "$settingsFile"
 systemctl disable pinwatchd
 update-rc.d pinwatchd disable
-expect "upgrade" dpkg --force-confdef --force-confold -i next.deb
-expect "edited settings survive" grep -qx 'LogDebug = 2' $settings
-expect "administrator's mode survives" mode $settings "root:root 644"
-expect "stays disabled" test ! -e /etc/systemd/system/multi-user.target.wants/pinwatchd.service
-expect "stays disabled" test ! -e /etc/rc2.d/S01pinwatchd
-expect "old file gone" test ! -e /usr/share/doc/pinwatchd/publishing.md
+expect silently dpkg --force-confdef --force-confold -i next.deb
+expect grep -qx 'LogDebug = 2' "$settingsFile"
+expect hasMode "$settingsFile" root:root 644
+expect test ! -e /etc/systemd/system/multi-user.target.wants/pinwatchd.service
+expect test ! -e /etc/rc2.d/S01pinwatchd
+expect test ! -e /usr/share/doc/pinwatchd/publishing.md
 raise ALARM2 /run/orvel/alarms 02
 echo "ok upgraded"
 
-expect "remove" dpkg -r pinwatchd
-waitFor "removed, outputs undriven" pins floating
-expect "settings stay" grep -qx 'LogDebug = 2' $settings
-expect "program gone" test ! -e /opt/orvel/bin
-expect "script does nothing" $service start
+expect silently dpkg -r pinwatchd
+expectPins 0 floating
+expect grep -qx 'LogDebug = 2' "$settingsFile"
+expect test ! -e /opt/orvel/bin
+expect silently $service start
 # Purged with the alarms file, but not through a link.
 rm -rf /tmp/orvel
-mkdir /trial/elsewhere /tmp/orvel
-touch /trial/elsewhere/alarms
-ln -s /trial/elsewhere /tmp/orvel/data
+mkdir /vm/elsewhere /tmp/orvel
+touch /vm/elsewhere/alarms
+ln -s /vm/elsewhere /tmp/orvel/data
 # One who may write there makes the file a directory.
 rm /run/orvel/alarms
 mkdir /run/orvel/alarms
-expect "purge" dpkg -P pinwatchd
-expect "link not followed" test -e /trial/elsewhere/alarms
+expect silently dpkg -P pinwatchd
+expect test -e /vm/elsewhere/alarms
 rm -r /run/orvel
 listTree after
-expect "nothing left behind" diff tree.before tree.after
-echo lived
-end
+expect diff /run/tree.before /run/tree.after
+echo "ok purged"
