@@ -147,6 +147,10 @@ restartedFrom() {
     daemons 1 && [ "$(pidof pinwatchd)" -ne "$1" ]
 }
 
+alarmRefused() {
+    journalctl -b -t pinwatchd-alarm | grep -q 'is a symbolic link'
+}
+
 withSystemd() {
     local pid
     pid=$(pidof pinwatchd)
@@ -159,9 +163,14 @@ withSystemd() {
     pinwatchd-alarm clear --all
     waitFor "all cleared" pins 03
     printf '%s\n' '[Unit]' 'OnFailure=pinwatchd-alarm@%n.service' '[Service]' Type=oneshot User=nobody \
-        'ExecStart=test -e /trial/good' 'ExecStartPost=-+/usr/bin/pinwatchd-alarm clear %n' \
+        'ExecStart=test -e /trial/good' 'ExecStartPost=-+/usr/bin/pinwatchd-alarm clear -- %n' \
         >/run/systemd/system/my-job.service
+    # The template tries again until it can.
+    mv /run/orvel/alarms /run/orvel/kept
+    ln -s kept /run/orvel/alarms
     systemctl start my-job
+    waitFor "a template that fails" alarmRefused
+    mv /run/orvel/kept /run/orvel/alarms
     waitFor "the alarm of a unit that failed" pins 01
     expect "its name" grep -qx '\[my-job.service\]' /run/orvel/alarms
     touch /trial/good
