@@ -1,8 +1,9 @@
 #!/bin/bash
-# memory.sh PROGRAM: the released daemon under the package's limit of memory, and files on both sides
-# of what fits. One that does not leaves the outputs as they are, at the start and later.
+# memory.sh PROGRAM: a released daemon, on libftdi 0.20, under the package's limit of memory, and files
+# on both sides of what fits. One that does not leaves the outputs as they are, at the start and later.
 set -eu
 if [ "${2:-}" != inside ]; then
+    [ -x "$1" ] || { echo "memory.sh: skipped, there is no $1: packaging/build" >&2 && exit 77; }
     # A /opt and a /run of its own; without root those of a user namespace.
     namespaces=(--mount)
     [ "$(id -u)" -eq 0 ] || namespaces+=(--map-root-user)
@@ -11,7 +12,7 @@ if [ "${2:-}" != inside ]; then
 fi
 work=$(mktemp -d)
 daemon=
-trap 'kill -KILL $daemon; rm -r "$work"' EXIT
+trap 'kill -KILL $daemon 2>/dev/null || true; rm -r "$work"' EXIT
 cc -w -shared -fPIC -o "$work/unit.so" "$(dirname "$0")/memory.c"
 cp "$1" "$work/pinwatchd"
 for folder in /opt /run /var/opt; do mount -t tmpfs none $folder; done
