@@ -191,6 +191,4 @@ bool IniFile::hasKey(const std::string& section, const std::string& key) const {
     return find(section, key) != nullptr;
 }
 
-void IniFile::sectionNames(std::deque<std::string>& names) const {
-    listNames(sections, names);
-}
+void IniFile::sectionNames(std::deque<std::string>& names) const { listNames(sections, names); }

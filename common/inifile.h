@@ -45,7 +45,8 @@ public:
 
     // Merges the file at `path` into the document, under a shared flock: waits while another
     // process holds an exclusive one. False, with the document unchanged, when the file cannot
-    // be opened or read to its end, or does not fit into memory; odd lines are no failure.
+    // be opened or read to its end, or does not fit into memory with a list of its section names
+    // and 256 kB to spare; odd lines are no failure.
     bool load(const std::string& path);
 
     // Empties the document; the overlay will be merged again by the next reloadIfChanged.

@@ -195,7 +195,7 @@ SharedFile::Outcome SharedFile::fail(int error) {
                                                 : EX_IOERR);
 }
 
-SharedFile::Outcome SharedFile::fail(const std::string& reason, int exitStatus) {
+SharedFile::Outcome SharedFile::fail(const char* reason, int exitStatus) {
     problem = path + ": " + reason;
     status = exitStatus;
     return Outcome::failed;

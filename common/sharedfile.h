@@ -45,7 +45,7 @@ private:
     void removeLeftovers() const;
     bool isUnchanged() const;
     Outcome fail(int error);
-    Outcome fail(const std::string& reason, int exitStatus);
+    Outcome fail(const char* reason, int exitStatus);
 
     std::string path;
     std::string name;         // in the directory

@@ -120,9 +120,12 @@ printf 'a=1\n\0\0ALARM1=\0\n' >alarms
 forget
 gives 0 '*NUL bytes*' raise b
 holds $'a=1\n  ALARM1= \n[b]\nALARM1 = '
-for _ in {1..60000}; do echo ALARM1=; done >alarms
-forget
+for _ in {1..60000}; do printf 'ALARM1=\n;\n'; done >alarms
 timeout 20 "$program" --file alarms clear --all || fail "takes the square of the file"
+expect test "$(sort -u alarms)" = ';'
+rm alarms
+gives 0 '' clear --all
+forget
 holds ''
 touch -d '+300 days' alarms # by a clock that was set back
 gives 0 '' raise a

@@ -106,6 +106,10 @@ restartedFrom() {
     daemons 1 && [ "$(pidof pinwatchd)" -ne "$1" ]
 }
 
+alarmRefused() {
+    journalctl -b -t pinwatchd-alarm | grep -q 'is a symbolic link'
+}
+
 withSystemd() {
     local pid
     pid=$(pidof pinwatchd)
@@ -118,9 +122,14 @@ withSystemd() {
     pinwatchd-alarm clear --all
     expectPins 0 03
     printf '%s\n' '[Unit]' 'OnFailure=pinwatchd-alarm@%n.service' '[Service]' Type=oneshot User=nobody \
-        'ExecStart=test -e /vm/good' 'ExecStartPost=-+/usr/bin/pinwatchd-alarm clear %n' \
+        'ExecStart=test -e /vm/good' 'ExecStartPost=-+/usr/bin/pinwatchd-alarm clear -- %n' \
         >/run/systemd/system/my-job.service
+    # The template tries again until it can.
+    mv /run/orvel/alarms /run/orvel/kept
+    ln -s kept /run/orvel/alarms
     systemctl start my-job
+    waitFor 60 alarmRefused
+    mv /run/orvel/kept /run/orvel/alarms
     expectPins 0 01
     expect grep -qx '\[my-job.service\]' /run/orvel/alarms
     touch /vm/good
