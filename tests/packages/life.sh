@@ -14,7 +14,7 @@ asNobody=(setpriv --reuid=nobody --regid=nogroup --clear-groups)
 fail() {
     echo "failed: $*"
     [ ! -d /run/systemd/system ] || journalctl --no-pager -b -t pinwatchd -t systemd | tail -n 30
-    tail -n 20 /trial/sim.log /trial/output
+    tail -n 20 /trial/sim.log /trial/log /trial/output
     end
 }
 
@@ -76,9 +76,15 @@ listTree() {
 
 # ---- From a bare chip to a unit ----
 
-said() {
-    # Debian's sysvinit has no system log of its own.
-    [ ! -d /run/systemd/system ] || journalctl -b -t pinwatchd | tail -n "+$logStart" | grep -qF "$1"
+# keepLog: what the daemon logs goes to the file `log` from now on. Under sysvinit nothing else here
+# takes it.
+keepLog() {
+    if [ -d /run/systemd/system ]; then
+        journalctl -f -n 0 -t pinwatchd
+    else
+        perl -MSocket -e 'socket(LOG, AF_UNIX, SOCK_DGRAM, 0); bind(LOG, sockaddr_un("/dev/log")) or die;
+            $| = 1; print "$_\n" while defined recv(LOG, $_, 4096, 0)'
+    fi >>log &
 }
 
 isAttached() {
@@ -89,7 +95,7 @@ isAttached() {
 plug() {
     echo "unplug 0" >&8
     waitFor "unplugged" test ! -e /sys/bus/usb/devices/1-1
-    [ ! -d /run/systemd/system ] || logStart=$(($(journalctl -b -t pinwatchd | wc -l) + 1))
+    : >log
     echo "plug 0 $*" >&8
     waitFor "plugged in" isAttached
 }
@@ -102,7 +108,7 @@ step() {
 
 # makeUnit MESSAGE: the daemon turns the module away with the message; the manual's steps mend that.
 makeUnit() {
-    waitFor "$1" said "$1"
+    waitFor "$1" grep -qF "$1" log
     rm -rf tq5
     export -f plug waitFor fail isAttached
     {
@@ -114,12 +120,13 @@ makeUnit() {
     bash -e steps >steps.log 2>&1 || fail "the manual's steps: $(cat steps.log)"
     expect "found" grep -x "serial:TQ5SIM00" steps.log
     expect "written" grep -x "FTDI write eeprom: 0" steps.log
-    waitFor "opened" said "opened FTDI device 'TQ-5 alarm unit'"
+    waitFor "opened" grep -qF "opened FTDI device 'TQ-5 alarm unit'" log
     raise ALARM2 /run/orvel/alarms 02
     raise ALARM1 /run/orvel/alarms 01
 }
 
 fromChipToUnit() {
+    keepLog
     plug blank
     makeUnit "unknown FTDI device 'FT232R USB UART'"
     # A bit has changed since.
