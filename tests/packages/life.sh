@@ -38,16 +38,22 @@ listTree() {
 
 # ---- From a bare chip to a unit ----
 
-said() {
-    # Debian's sysvinit has no system log of its own.
-    [ ! -d /run/systemd/system ] || journalctl -b -t pinwatchd | tail -n "+$logStart" | grep -qF "$1"
+# keepLog: what the daemon logs goes to the file `log` from now on. Under sysvinit nothing else here
+# takes it.
+keepLog() {
+    if [ -d /run/systemd/system ]; then
+        journalctl -f -n 0 -t pinwatchd
+    else
+        perl -MSocket -e 'socket(LOG, AF_UNIX, SOCK_DGRAM, 0); bind(LOG, sockaddr_un("/dev/log")) or die;
+            $| = 1; print "$_\n" while defined recv(LOG, $_, 4096, 0)'
+    fi >>log &
 }
 
 # plug [OPTION...]: another unit, or without options the same one again.
 plug() {
     sim unplug 0
     await test ! -e /sys/bus/usb/devices/1-1
-    [ ! -d /run/systemd/system ] || logStart=$(($(journalctl -b -t pinwatchd | wc -l) + 1))
+    : >log
     sim plug 0 "$@"
     await enumerated 0
 }
@@ -60,7 +66,7 @@ step() {
 
 # makeUnit MESSAGE: the daemon turns the module away with the message; the manual's steps mend that.
 makeUnit() {
-    await said "$1"
+    await grep -qF "$1" log
     rm -rf tq5
     export -f plug
     {
@@ -73,12 +79,13 @@ makeUnit() {
     bash -e steps >steps.log 2>&1 || fail "the manual's steps: $(cat steps.log)"
     expect silently grep -x "serial:TQ5SIM00" steps.log
     expect silently grep -x "FTDI write eeprom: 0" steps.log
-    await said "opened FTDI device 'TQ-5 alarm unit'"
+    await grep -qF "opened FTDI device 'TQ-5 alarm unit'" log
     raise ALARM2 /run/orvel/alarms 02
     raise ALARM1 /run/orvel/alarms 01
 }
 
 fromChipToUnit() {
+    keepLog
     plug blank
     makeUnit "unknown FTDI device 'FT232R USB UART'"
     # A bit has changed since.
@@ -128,7 +135,7 @@ withSystemd() {
     mv /run/orvel/alarms /run/orvel/kept
     ln -s kept /run/orvel/alarms
     systemctl start my-job
-    waitFor 60 alarmRefused
+    await alarmRefused
     mv /run/orvel/kept /run/orvel/alarms
     expectPins 0 01
     expect grep -qx '\[my-job.service\]' /run/orvel/alarms
