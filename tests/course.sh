@@ -69,9 +69,9 @@ critical 'hangs: restart it' fifoBriefly 'stopDaemon KILL; startDaemon --ignore-
 critical 'is locked' 'exec 9<"$settingsFile"; flock 9' 'exec 9<&-'
 critical 'is not a regular file' 'rm -f "$alarmsFile"; mkdir "$alarmsFile"' 'rmdir "$alarmsFile"'
 critical 'no unit is attached' unplug plug
-critical 'FTDI device is not compatible' 'unplug; sim plug 0 bcd=0400' 'replug 0'
-critical "unknown FTDI device 'Other'" 'unplug; sim plug 0 product=Other' 'replug 0'
-critical 'are not configured (cbus0=10, cbus1=3)' 'unplug; sim plug 0 eeprom=003a' 'replug 0'
+critical 'FTDI device is not compatible' 'unplug; sim plug 0 bcd=0400' renew
+critical "unknown FTDI device 'Other'" 'unplug; sim plug 0 product=Other' renew
+critical 'are not configured (cbus0=10, cbus1=3)' 'unplug; sim plug 0 eeprom=003a' renew
 critical 'the pins of TQ-5 alarm unit' 'sim stall 0 0c' obey
 critical 'both outputs are low' 'sim pins 0 0c' obey
 lampTests 5
@@ -244,6 +244,12 @@ plug() {
     sim plug 0
 }
 
+# renew: another unit takes the place of this one, whose EEPROM would be the same when it came back.
+renew() {
+    unplug
+    sim plug 0 eeprom=10aa
+}
+
 # replug MS...: the unit is off for the first time, on for the second, and so on.
 replug() {
     local ms next=plug
@@ -277,8 +283,7 @@ turnAway() {
     clearLog
     startDaemon --ignore-sigpipe
     isTurnedAway "$3"
-    unplug
-    sim plug 0 eeprom=10aa
+    renew
 }
 
 # program OPTIONS MESSAGE: a module with these options is turned away with the message, until
