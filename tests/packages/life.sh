@@ -104,7 +104,37 @@ withSystemd() {
     touch /trial/good
     systemctl start my-job
     waitFor "cleared at its next success" pins 03
+    eachSecond
     raise ALARM1 /run/orvel/alarms 01
+}
+
+# The timer's check, oftener than it is meant to be.
+eachSecond() {
+    local unit=/run/systemd/system/pinwatchd-check
+    mkdir $unit.timer.d $unit.service.d
+    printf '%s\n' '[Timer]' OnActiveSec=1 OnUnitInactiveSec=1 >$unit.timer.d/often.conf
+    printf '%s\n' '[Unit]' OnFailure=tell.service >$unit.service.d/tell.conf
+    printf '%s\n' '[Service]' Type=oneshot 'ExecStart=/bin/sh -c "echo told >>/trial/told"' \
+        >/run/systemd/system/tell.service
+    systemctl daemon-reload
+    systemctl start pinwatchd-check.timer
+    waitFor "a check in the daemon's status" tells 'OK - TQ-5 alarm unit (001/0.*) shows no alarm'
+    echo "unplug 0" >&8
+    waitFor "that there is no unit" tells 'CRITICAL - no unit is attached: plug it in'
+    waitFor "what is to be started then" test -s told
+    sleep 3
+    echo "plug 0" >&8
+    waitFor "that all is well again" tells 'OK - TQ-5 alarm unit (001/0.*) shows no alarm' 2
+    systemctl status pinwatchd | cat
+    systemctl stop pinwatchd-check.timer
+    expect "told once" test "$(cat told)" = told
+    expect "logs changes only" test "$(journalctl -o cat -u pinwatchd-check | grep -c ' - ')" -eq 3
+    rm -r $unit.*.d /run/systemd/system/tell.service
+    systemctl daemon-reload
+}
+
+tells() {
+    [ "$(systemctl status pinwatchd 2>/dev/null | grep -c "$1")" -ge "${2:-1}" ]
 }
 
 withSysvinit() {
@@ -191,6 +221,7 @@ echo "plug 0" >&8
 waitFor "the alarm after plugging in again" pins 01
 if [ -d /run/systemd/system ]; then withSystemd; else withSysvinit; fi
 waitFor "the alarm after all that" pins 01
+expect "a check" pinwatchd-alarm check
 
 chmod 644 $settings
 sed -i 's/^LogDebug = 0/LogDebug = 2/' $settings
