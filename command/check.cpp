@@ -121,22 +121,28 @@ Alarms readAlarms(const IniFile& file) {
     return alarms;
 }
 
-// What everyone can do to the file from outside of those that may publish, or nothing.
-std::string exposure(const std::string& path) {
+// What everyone can do to the file, if the modes let others than those who may publish do anything.
+// Where its directory is locked for changes, that counts too.
+std::string exposure(const std::string& path, bool directoryIsLocked) {
     char real[PATH_MAX];
     const std::string folder = path.substr(0, path.rfind('/') + 1);
     if (!realpath(folder.c_str(), real)) return "";
-    std::string part = real;
+    const std::string name = real;
     struct stat status = {};
-    // A directory that others cannot pass protects all that is in it.
     for (std::size_t end = 0; end != std::string::npos;) {
-        end = part.find('/', end + 1);
-        const std::string upTo = part.substr(0, end);
-        if (stat(upTo.c_str(), &status) != 0 || (status.st_mode & S_IXOTH) == 0) return "";
+        end = name.find('/', end + 1);
+        const std::string upTo = name.substr(0, end);
         const bool isLast = end == std::string::npos;
-        if ((status.st_mode & S_IWOTH) != 0 && (isLast || (status.st_mode & S_ISVTX) == 0)) {
+        if (stat(upTo.c_str(), &status) != 0) return "";
+        const bool isPassable = (status.st_mode & S_IXOTH) != 0;
+        if (isPassable && (status.st_mode & S_IWOTH) != 0 &&
+            (isLast || (status.st_mode & S_ISVTX) == 0)) {
             return "everyone can write the directory " + upTo;
         }
+        if (isLast && directoryIsLocked && (status.st_mode & S_IROTH) != 0) {
+            return "everyone can lock the directory " + upTo;
+        }
+        if (!isPassable) return "";  // which protects all below it
     }
     if (stat(path.c_str(), &status) != 0) return "";
     if ((status.st_mode & S_IWOTH) != 0) return "everyone can write " + path;
@@ -175,9 +181,6 @@ pid_t theDaemon(Verdict& verdict) {
     } else if (isStopped(daemon)) {
         verdict = critical("the daemon is stopped: 'kill -CONT " + std::to_string(daemon) +
                            "', or restart it");
-    } else if (const unsigned unread = unreadEvents(daemon)) {
-        verdict = critical("the daemon hangs: restart it, and replug the unit");
-        verdict.moment = std::to_string(unread);  // in a flood of events it changes all the time
     } else {
         return daemon;
     }
@@ -195,7 +198,7 @@ std::string warningsOf(pid_t daemon, const std::string& path, bool exists) {
                     ", so the unit keeps what it shows: 'pinwatchd-alarm clear --all' makes one; ";
     }
     for (const char* file : {path.c_str(), settingsPath, settingsOverlayPath}) {
-        const std::string text = exposure(file);
+        const std::string text = exposure(file, file == path.c_str());
         if (!text.empty()) warnings += text + "; ";
     }
     return warnings;
@@ -210,6 +213,11 @@ Verdict compare(pid_t daemon, const std::string& path, const struct stat* status
     if (pins < 0) {
         return critical("the pins of " + nameOf(unit) + " cannot be read (" + std::strerror(errno) +
                         "): replug it");
+    }
+    if (const unsigned unread = unreadEvents(daemon)) {
+        Verdict hang = critical("the daemon hangs: restart it, and replug the unit");
+        hang.moment = std::to_string(unread);  // in a flood of events it changes all the time
+        return hang;
     }
     tellStage(path + " cannot be read: is it locked, or on a file system that hangs?");
     IniFile file("");

@@ -16,6 +16,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <utility>
+
+#include "conversions.h"
 
 namespace {
 
@@ -84,15 +87,16 @@ struct Listener {
 std::vector<Listener> listeners() {
     std::vector<Listener> found;
     const File file(std::fopen("/proc/net/netlink", "r"));
-    unsigned protocol = 0;
-    unsigned groups = 0;
-    Listener listener = {};
     char line[512];
     while (file && std::fgets(line, sizeof line, file.get())) {
-        const int count = std::sscanf(line, "%*s %u %u %x %u", &protocol, &listener.port, &groups,
-                                      &listener.unread);
-        if (count == 4 && protocol == NETLINK_KOBJECT_UEVENT && groups == ueventGroup) {
-            found.push_back(listener);
+        // "sk Eth Pid Groups Rmem ...", where Eth is the protocol.
+        char* rest = line + std::strcspn(line, " ");
+        const unsigned long protocol = std::strtoul(rest, &rest, 10);
+        const auto port = static_cast<unsigned>(std::strtoul(rest, &rest, 10));
+        const unsigned long groups = std::strtoul(rest, &rest, 16);
+        const auto unread = static_cast<unsigned>(std::strtoul(rest, &rest, 10));
+        if (protocol == NETLINK_KOBJECT_UEVENT && groups == ueventGroup) {
+            found.push_back({port, unread});
         }
     }
     return found;
@@ -131,8 +135,8 @@ std::vector<pid_t> findDaemons(bool& hidden) {
     std::vector<pid_t> found;
     hidden = false;
     for (const std::string& entry : entries("/proc")) {
-        const pid_t process = std::atoi(entry.c_str());
-        if (process <= 0) continue;
+        pid_t process = 0;
+        if (!toInt(entry, process, 10)) continue;
         errno = 0;
         if (isDaemon(process)) {
             found.push_back(process);
@@ -181,17 +185,16 @@ bool readsFile(pid_t daemon, const std::string& path) {
     char line[PATH_MAX + 128];
     std::string text;
     while (!found && std::fgets(line, sizeof line, maps.get())) {
-        unsigned long long begin = 0;
-        unsigned long long end = 0;
-        if (std::sscanf(line, "%llx-%llx rw", &begin, &end) != 2 || !std::strstr(line, " rw-p ")) {
-            continue;
-        }
+        char* rest = nullptr;
+        const unsigned long long begin = std::strtoull(line, &rest, 16);
+        const unsigned long long end = std::strtoull(rest + 1, &rest, 16);
+        if (std::strncmp(rest, " rw-p ", 6) != 0) continue;
         if (end - begin > maxMapping) {
             found = true;
             break;
         }
         text.resize(static_cast<std::size_t>(end - begin));
-        const ssize_t length = pread(memory, &text[0], text.size(), static_cast<off_t>(begin));
+        const ssize_t length = pread(memory, text.data(), text.size(), static_cast<off_t>(begin));
         if (length <= 0) continue;
         text.resize(static_cast<std::size_t>(length));
         found = text.find(path + '\0') != std::string::npos;
@@ -205,10 +208,12 @@ std::vector<UsbDevice> attachedDevices() {
     for (const std::string& entry : entries("/sys/bus/usb/devices")) {
         const std::string sysfs = "/sys/bus/usb/devices/" + entry;
         if (!hasUnitIds(sysfs)) continue;
-        const std::string bus = firstLine(sysfs + "/busnum");
-        const std::string number = firstLine(sysfs + "/devnum");
-        devices.push_back(deviceOf(sysfs, static_cast<unsigned>(std::atoi(bus.c_str())),
-                                   static_cast<unsigned>(std::atoi(number.c_str()))));
+        int bus = 0;
+        int number = 0;
+        toInt(firstLine(sysfs + "/busnum"), bus, 10);
+        toInt(firstLine(sysfs + "/devnum"), number, 10);
+        devices.push_back(
+            deviceOf(sysfs, static_cast<unsigned>(bus), static_cast<unsigned>(number)));
     }
     return devices;
 }
@@ -216,7 +221,8 @@ std::vector<UsbDevice> attachedDevices() {
 UsbDevice openedDevice(pid_t daemon) {
     const std::string folder = processFile(daemon, "fd");
     for (const std::string& entry : entries(folder)) {
-        const std::string file = folder + "/" + entry;
+        std::string file = folder + "/";
+        file += entry;
         struct stat status = {};
         if (stat(file.c_str(), &status) != 0 || !S_ISCHR(status.st_mode)) continue;
         if (major(status.st_rdev) != usbMajor) continue;
@@ -225,7 +231,7 @@ UsbDevice openedDevice(pid_t daemon) {
         const bool isGone = access(sysfs.c_str(), F_OK) != 0;
         if (!isGone && !hasUnitIds(sysfs)) continue;
         UsbDevice device = deviceOf(sysfs, index / devicesOfBus + 1, index % devicesOfBus + 1);
-        device.file = file;
+        device.file = std::move(file);
         return device;
     }
     return {};

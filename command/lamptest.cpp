@@ -23,7 +23,7 @@ constexpr const char* ownSection = "lamp test";
 constexpr const char* ownText =
     "by 'pinwatchd-alarm test'; if it stays, that was killed, and the next one clears it";
 constexpr const char* alarmNames[] = {"no alarm", "ALARM1", "ALARM2"};
-constexpr const char* figureNames[] = {"none=", "alarm1=", "alarm2="};
+constexpr const char* figureNames[] = {" none=", "alarm1=", " alarm2="};
 constexpr std::int64_t patienceMs = 3000;
 constexpr timespec shortNap = {0, 2000000};
 constexpr timespec longNap = {0, 50000000};
@@ -89,6 +89,26 @@ void hold(const std::string& path, std::int64_t ms) {
     }
 }
 
+// What keeps the test from being made, or a verdict that is OK, with the unit.
+Verdict obstacle(const std::string& path, UsbDevice& unit) {
+    Verdict verdict = judge(path);
+    const AlarmMask real = alarmOfOthers(path);
+    if (verdict.status > pluginWarning) {
+        verdict.text = "no lamp test: " + verdict.text;
+    } else if (real != 0) {
+        verdict.status = pluginWarning;
+        verdict.text = std::string(alarmNames[3 - real]) + " is not tested, " +
+                       (real == 1 ? "it would hide" : "it is hidden by") +
+                       " an alarm: " + verdict.text;
+    } else {
+        bool hidden = false;
+        const std::vector<pid_t> daemons = findDaemons(hidden);
+        if (!daemons.empty()) unit = openedDevice(daemons.front());
+        verdict.status = pluginOk;
+    }
+    return verdict;
+}
+
 }  // namespace
 
 int lampTest(const std::string& path, unsigned seconds,
@@ -100,18 +120,9 @@ int lampTest(const std::string& path, unsigned seconds,
         return finish(pluginUnknown, "another lamp test is going on");
     }
     change(showing(0));  // what one that was killed has left
-    const Verdict verdict = judge(path);
-    if (verdict.status > pluginWarning) {
-        return finish(verdict.status, "no lamp test: " + verdict.text);
-    }
-    if (const AlarmMask raised = alarmOfOthers(path)) {
-        return finish(pluginWarning, std::string(alarmNames[3 - raised]) + " is not tested, " +
-                                         (raised == 1 ? "it would hide" : "it is hidden by") +
-                                         " an alarm: " + verdict.text);
-    }
-    bool hidden = false;
-    const std::vector<pid_t> daemons = findDaemons(hidden);
-    const UsbDevice unit = daemons.empty() ? UsbDevice() : openedDevice(daemons.front());
+    UsbDevice unit;
+    const Verdict verdict = obstacle(path, unit);
+    if (verdict.status != pluginOk) return finish(verdict.status, verdict.text);
 
     signal(SIGPIPE, SIG_IGN);
     for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
@@ -119,13 +130,10 @@ int lampTest(const std::string& path, unsigned seconds,
     }
     std::string figures;
     std::string failure;
-    for (const AlarmMask mask : {AlarmMask{1}, AlarmMask{2}, AlarmMask{0}}) {
-        // The last one is the end, which comes in any case.
-        const bool isOver = stopSignal != 0 || !failure.empty() || alarmOfOthers(path) != 0;
-        if (isOver && mask != 0) continue;
+    // Shows an alarm, or none for 0. False if that fails or something else is to be shown.
+    const auto shows = [&](AlarmMask mask) {
         const std::int64_t began = nowMs();
         change(showing(mask));
-        if (isOver) break;
         const bool reached = isShown(unit, mask);
         const std::string delay = inSeconds(nowMs() - began);
         if (reached) {
@@ -133,15 +141,18 @@ int lampTest(const std::string& path, unsigned seconds,
                         mask == 1 ? "low" : "high", alarmNames[mask]);
             std::fflush(stdout);
             if (mask != 0) hold(path, std::int64_t{1000} * seconds);
+            figures += std::string(figureNames[mask]) + delay + "s";
         }
-        figures += (figures.empty() ? "" : " ") + std::string(figureNames[mask]) + delay + "s";
-        // Another alarm may have come between.
-        if ((!reached || readPins(unit) != pinValues[mask]) && alarmOfOthers(path) == 0) {
+        const bool stayed = reached && readPins(unit) == pinValues[mask];
+        const bool isAlone = alarmOfOthers(path) == 0;
+        if (!stayed && isAlone) {
             failure = std::string(alarmNames[mask]) +
                       (reached ? " does not stay at the pins" : " is not shown within 3 seconds") +
                       ": " + judge(path).text;
         }
-    }
+        return stayed && isAlone && stopSignal == 0;
+    };
+    if (!shows(1) || !shows(2) || !shows(0)) change(showing(0));
     if (stopSignal != 0) return 128 + stopSignal;
     if (!failure.empty()) return finish(pluginCritical, failure, figures);
     if (alarmOfOthers(path) != 0) {

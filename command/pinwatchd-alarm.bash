@@ -11,11 +11,12 @@ _pinwatchd_alarm() {
             line+=("$part")
         fi
     done
-    local word=${line[-1]} options="--file --wait --all --help --version"
+    local word=${line[-1]} options="--file --wait --all --quiet --timeout --no-wait --help --version"
     for ((index = 1; index < ${#line[@]} - 1; ++index)); do
         case ${line[index]} in
         --file) file=(--file "${line[++index]}") ;;
         --file=*) file=("${line[index]}") ;;
+        --timeout) ((++index)) ;;
         --) options= ;;
         -*) ;;
         *) words+=("${line[index]}") ;;
@@ -29,8 +30,8 @@ _pinwatchd_alarm() {
     if [[ $options && $word = -* ]] && [ ${#words[@]} -lt 2 ]; then
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$word")
     elif [ ${#words[@]} -eq 0 ]; then
-        mapfile -t COMPREPLY < <(compgen -W "raise clear show" -- "$word")
-    elif [ "${words[0]}" = show ]; then
+        mapfile -t COMPREPLY < <(compgen -W "raise clear show check test" -- "$word")
+    elif [[ ${words[0]} = @(show|check|test) ]]; then
         return
     elif [ ${#words[@]} -eq 2 ]; then
         mapfile -t COMPREPLY < <(compgen -W "ALARM1 ALARM2" -- "${word^^}")

@@ -26,7 +26,7 @@ install_program(pinwatchd opt/orvel/bin)
 install_program(pinwatchd-alarm usr/bin)
 install(FILES ${CMAKE_SOURCE_DIR}/command/pinwatchd-alarm.bash DESTINATION usr/share/bash-completion/completions
     RENAME pinwatchd-alarm)
-install(PROGRAMS ${here}/pinwatchd-prepare DESTINATION opt/orvel/libexec)
+install(PROGRAMS ${here}/pinwatchd-prepare ${here}/pinwatchd-check DESTINATION opt/orvel/libexec)
 # For root alone: who can read settings can lock them, and a start would wait.
 install(FILES ${here}/orvel.conf DESTINATION opt/orvel/etc
     PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ)
@@ -54,7 +54,7 @@ file(READ ${here}/pinwatchd.service service)
 string(REPLACE "SystemCallArchitectures=native" "SystemCallArchitectures=${calls}" service "${service}")
 file(WRITE ${CMAKE_BINARY_DIR}/pinwatchd.service "${service}")
 install(FILES ${CMAKE_BINARY_DIR}/pinwatchd.service ${here}/pinwatchd-alarm@.service
-    DESTINATION usr/lib/systemd/system)
+    ${here}/pinwatchd-check.service ${here}/pinwatchd-check.timer DESTINATION usr/lib/systemd/system)
 install(FILES ${here}/pinwatchd.tmpfiles DESTINATION usr/lib/tmpfiles.d RENAME pinwatchd.conf)
 install(PROGRAMS ${here}/pinwatchd.init DESTINATION etc/init.d RENAME pinwatchd)
 
@@ -66,7 +66,7 @@ install_compressed(${CMAKE_SOURCE_DIR}/CHANGELOG.md ${documentation} changelog)
 install_compressed(${here}/deb/changelog ${documentation} changelog.Debian)
 install(FILES ${here}/deb/copyright DESTINATION ${documentation})
 install(FILES ${CMAKE_SOURCE_DIR}/docs/publishing.md ${CMAKE_SOURCE_DIR}/docs/replug.md
-    ${CMAKE_SOURCE_DIR}/docs/unit.md
+    ${CMAKE_SOURCE_DIR}/docs/monitoring.md ${CMAKE_SOURCE_DIR}/docs/unit.md
     ${CMAKE_SOURCE_DIR}/po/pinwatchd.pot DESTINATION ${documentation})
 install(PROGRAMS ${CMAKE_SOURCE_DIR}/docs/examples/publish.py DESTINATION ${documentation}/examples)
 install(FILES ${CMAKE_SOURCE_DIR}/docs/examples/tq5.conf DESTINATION ${documentation}/examples)

@@ -74,13 +74,17 @@ gives 0 '' clear --all
 holds ''
 for arguments in '' 'lower x' --none raise clear 'clear a ALARM3' 'clear --all a' 'show a' 'show --wait' \
     'raise --all a' 'raise a -1' 'clear -.mount' 'raise a ALARM3 hot' 'raise a ALARM2: hot' 'raise a ALARM2=hot' \
-    'raise a alarm-2' 'raise a 1' 'raise a 2'; do
+    'raise a alarm-2' 'raise a 1' 'raise a 2' 'check a' 'check --timeout 0' 'check --no-wait' 'test 0' 'test 1 2' \
+    'test --quiet' 'show --timeout 1'; do
     # shellcheck disable=SC2086 # several arguments
     gives 64 'pinwatchd-alarm: *' $arguments
 done
 gives 64 '*needs a section*' raise ''
 gives 65 'pinwatchd-alarm: no section can be named *' raise 'a]'
 gives 65 'pinwatchd-alarm: no alarm can have the text *' raise a $'b\nc'
+holds ''
+gives '[23]' '* - *' check --timeout 30 # no daemon, or not root
+[ "$(id -u)" -eq 0 ] || gives 3 'UNKNOWN - only root *' test
 holds ''
 expect test "$(alarm show 2>&1 >/dev/full)" = "pinwatchd-alarm: standard output: No space left on device"
 
@@ -94,7 +98,7 @@ completes() {
 . "$completion"
 gives 0 '' raise 'back up'
 gives 0 '' raise a:b
-completes 'raise clear show' ''
+completes 'raise clear show check test' ''
 completes '--wait' --file alarms raise --w
 completes 'a:b back\ up' --file alarms clear ''
 completes 'back\ up' --file = alarms clear 'back\ '

@@ -142,7 +142,37 @@ withSystemd() {
     touch /vm/good
     systemctl start my-job
     expectPins 0 03
+    eachSecond
     raise ALARM1 /run/orvel/alarms 01
+}
+
+# The timer's check, oftener than it is meant to be.
+eachSecond() {
+    local unit=/run/systemd/system/pinwatchd-check
+    mkdir $unit.timer.d $unit.service.d
+    printf '%s\n' '[Timer]' OnActiveSec=1 OnUnitInactiveSec=1 >$unit.timer.d/often.conf
+    printf '%s\n' '[Unit]' OnFailure=tell.service >$unit.service.d/tell.conf
+    printf '%s\n' '[Service]' Type=oneshot 'ExecStart=/bin/sh -c "echo told >>/vm/told"' \
+        >/run/systemd/system/tell.service
+    systemctl daemon-reload
+    systemctl start pinwatchd-check.timer
+    await tells 'OK - TQ-5 alarm unit (001/0.*) shows no alarm'
+    sim unplug 0
+    await tells 'CRITICAL - no unit is attached: plug it in'
+    await test -s /vm/told
+    sleep 3
+    sim plug 0
+    await tells 'OK - TQ-5 alarm unit (001/0.*) shows no alarm' 2
+    systemctl status pinwatchd | cat
+    systemctl stop pinwatchd-check.timer
+    expect test "$(cat /vm/told)" = told
+    expect test "$(journalctl -o cat -u pinwatchd-check | grep -c ' - ')" -eq 3
+    rm -r $unit.*.d /run/systemd/system/tell.service
+    systemctl daemon-reload
+}
+
+tells() {
+    [ "$(systemctl status pinwatchd 2>/dev/null | grep -c "$1")" -ge "${2:-1}" ]
 }
 
 withSysvinit() {
@@ -233,6 +263,7 @@ fromChipToUnit
 echo "ok from chip to unit"
 if [ -d /run/systemd/system ]; then withSystemd; else withSysvinit; fi
 expectPins 0 01
+expect silently pinwatchd-alarm check
 echo "ok as a service"
 
 chmod 644 "$settingsFile"

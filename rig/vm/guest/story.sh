@@ -27,6 +27,13 @@ seen() {
         $(((uptime - began) / 100)) $(((uptime - began) % 100))
 }
 
+# told ARGUMENT...: shows what the command says, which must be OK.
+told() {
+    pinwatchd-alarm "$@" >/run/told || fail "$(cat /run/told)"
+    sed 's/^/   /' /run/told
+    echo
+}
+
 [ "${1:-}" = --shell ] && shell=1 || shell=
 
 echo "pinwatchd on $(uname -sr), $(uname -m), with a virtual TQ-5 on a virtual USB port"
@@ -54,6 +61,12 @@ ALARM2=too hot"
 [boiler]"
     seen 03
 
+    step "pinwatchd-alarm check: does the unit show what the file raises?"
+    told check
+
+    step "pinwatchd-alarm test 1: each lamp is lit for a second."
+    told test 1
+
     step "The daemon is told to stop (SIGTERM): it leaves the outputs undriven and ends."
     stopDaemon TERM
     seen floating
@@ -69,6 +82,7 @@ cat <<EOF
 Try, for example:
     pinwatchd-alarm raise door    write $alarmsFile
     pinwatchd-alarm clear door
+    pinwatchd-alarm check         does the unit show it? pinwatchd-alarm test tests the lamps
     publishAlarm '[door]
     ALARM1=1'                the same, as a program of its own may do it
     sim unplug 0             take the unit off; sim plug 0 brings it back
