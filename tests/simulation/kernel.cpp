@@ -107,13 +107,13 @@ void Kernel::depart(const DevicePointer& device, Hub& hub, const std::function<v
         if (sendsBind && device->driverBound) sendOfInterface(*device, "unbind");
         sendOfInterface(*device, "remove");
     }
-    later(hub, shortTime(), [this, &hub, device, next] {
+    world->after(shortTime(), [this, &hub, device, next] {
         device->inSysfs = false;
         if (sendsBind) send(device, "unbind");
-        later(hub, shortTime(), [this, device, next] {
+        world->after(shortTime(), [this, &hub, device, next] {
             send(device, "remove");
             devices.erase(std::find(devices.begin(), devices.end(), device));
-            next();
+            later(hub, 0, next);
         });
     });
 }
