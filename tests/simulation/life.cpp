@@ -93,7 +93,7 @@ void Life::build() {
     kernel->hasDriver = world->once(3);
     kernel->room = 1 + world->random(4);
     if (!kernel->sendsBind && world->once(3)) kernel->nodes = "/proc/bus/usb/";
-    if (world->once(3)) kernel->occupied = static_cast<int>(world->random(115));
+    if (world->once(3)) kernel->occupied = static_cast<int>(world->random(100));
     libraries->hasTree = !world->once(4);
     spoilsSocket = world->once(8);
     if (world->once(2)) files->writeSettings(3, true);
