@@ -74,9 +74,8 @@ void Kernel::work(Hub& hub) {
         hub.working = true;
         port.changed = false;
         if (port.device) {
-            depart(std::exchange(port.device, nullptr), hub, [this, &hub, &port] {
-                debounce(hub, port);
-            });
+            depart(std::exchange(port.device, nullptr), hub,
+                   [this, &hub, &port] { debounce(hub, port); });
         } else {
             debounce(hub, port);
         }
@@ -275,9 +274,9 @@ void Kernel::send(const DevicePointer& device, const char* action) {
 
 void Kernel::sendOfInterface(const Device& device, const char* action) {
     const std::string path = device.path + "/interface";
-    broadcast({std::string(action) + "@" + path + '\0' + "ACTION=" + action + '\0' + "DEVPATH=" +
-                   path + '\0' + "SUBSYSTEM=usb" + '\0' + "DEVTYPE=usb_interface" + '\0' +
-                   "PRODUCT=403/6001/600" + '\0',
+    broadcast({std::string(action) + "@" + path + '\0' + "ACTION=" + action + '\0' +
+                   "DEVPATH=" + path + '\0' + "SUBSYSTEM=usb" + '\0' + "DEVTYPE=usb_interface" +
+                   '\0' + "PRODUCT=403/6001/600" + '\0',
                action, nullptr});
 }
 

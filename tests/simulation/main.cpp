@@ -15,8 +15,8 @@ namespace {
 
 // What the processes share.
 struct Progress {
-    std::atomic<std::uint64_t> next;    // the seed of the next life
-    std::atomic<std::uint64_t> lives;   // that have ended
+    std::atomic<std::uint64_t> next;   // the seed of the next life
+    std::atomic<std::uint64_t> lives;  // that have ended
     std::atomic<std::uint64_t> faults;
     std::atomic<bool> failed;
 };
@@ -43,16 +43,23 @@ int main(int count, char* arguments[]) {
             continue;
         }
         if (++i == count) return 2;
-        if (option == "--hours") hours = std::strtoull(arguments[i], nullptr, 10);
-        else if (option == "--life") life = std::atoi(arguments[i]);
-        else if (option == "--seed") seed = std::strtoull(arguments[i], nullptr, 10);
-        else if (option == "--jobs") jobs = std::atol(arguments[i]);
-        else if (option == "--only") World::onlyRule = arguments[i];
-        else return 2;
+        if (option == "--hours")
+            hours = std::strtoull(arguments[i], nullptr, 10);
+        else if (option == "--life")
+            life = std::atoi(arguments[i]);
+        else if (option == "--seed")
+            seed = std::strtoull(arguments[i], nullptr, 10);
+        else if (option == "--jobs")
+            jobs = std::atol(arguments[i]);
+        else if (option == "--only")
+            World::onlyRule = arguments[i];
+        else
+            return 2;
     }
-    const std::uint64_t lastSeed = seed + (hours + static_cast<unsigned>(life) - 1) / static_cast<unsigned>(life);
-    auto* progress = static_cast<Progress*>(mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE,
-                                                 MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    const std::uint64_t lastSeed =
+        seed + (hours + static_cast<unsigned>(life) - 1) / static_cast<unsigned>(life);
+    auto* progress = static_cast<Progress*>(
+        mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     progress->next = seed;
     for (long job = 0; job < jobs; ++job) {
         if (fork() != 0) continue;

@@ -164,16 +164,17 @@ void Rules::checkUnits() const {
 void Rules::calm() {
     checkUnits();
     const int level = files->overlayLevel < 0 ? files->primaryLevel : files->overlayLevel;
-    if (open && SysLog::instance()->debugLevel != level) world->fail("the debug level is not %d", level);
-    if (countsLines && lines != events)
-        world->fail("%ld lines of %ld datagrams", lines, events);
+    if (open && SysLog::instance()->debugLevel != level)
+        world->fail("the debug level is not %d", level);
+    if (countsLines && lines != events) world->fail("%ld lines of %ld datagrams", lines, events);
     const auto seconds = static_cast<long>((world->now - countedSince) / second);
     if (cycles > seconds + events + losses + 5)
         world->fail("%ld cycles in %ld s with %ld events", cycles, seconds, events);
     if (waits > 4 * (seconds + 5) + 12 * (events + losses))
         world->fail("%ld waits in %ld s with %ld events", waits, seconds, events);
     if (!socket && listings > seconds + 5) world->fail("%ld searches in %ld s", listings, seconds);
-    if (world->now < firstHour) mostBlocks = std::max(mostBlocks, daemonBlocks);
+    if (world->now < firstHour)
+        mostBlocks = std::max(mostBlocks, daemonBlocks);
     else if (daemonBlocks > mostBlocks + someBlocks)
         world->fail("memory: %ld blocks, %ld in the first hour", daemonBlocks, mostBlocks);
     beginCount();

@@ -54,12 +54,13 @@ private:
     bool socket = true;
     bool stoppedInWait = false;
     bool pinsOfThisOpening = false;
-    int searches = 0;       // that have a cause
-    int chipRefusals = 0;   // that may come, of devices with another chip
+    int searches = 0;      // that have a cause
+    int chipRefusals = 0;  // that may come, of devices with another chip
     bool countsLines = false;
-    long events = 0, losses = 0, lines = 0, cycles = 0, waits = 0, listings = 0;  // since the last calm
+    long events = 0, losses = 0, lines = 0, cycles = 0, waits = 0,
+         listings = 0;  // since the last calm
     Time countedSince = 0;
-    long mostBlocks = 0;    // of the first hour
+    long mostBlocks = 0;  // of the first hour
     long blocksAtEnd = -1;
 };
 

@@ -79,8 +79,9 @@ DevicePointer attribute(const std::string& path, std::string& name) {
 
 std::string attributeText(const Device& device, const std::string& name) {
     char text[8];
-    std::snprintf(text, sizeof text, "%04x\n", static_cast<unsigned>(
-                      name == "idVendor" ? device.unit->vendor : device.unit->product));
+    std::snprintf(
+        text, sizeof text, "%04x\n",
+        static_cast<unsigned>(name == "idVendor" ? device.unit->vendor : device.unit->product));
     if (name != "bConfigurationValue") return text;
     return device.configured ? "1\n" : "";
 }
@@ -186,9 +187,9 @@ int pselect(int, fd_set* readable, fd_set*, fd_set*, const timespec* limit, cons
     const Time duration = limit ? limit->tv_sec * second + limit->tv_nsec : never;
     const bool interrupted = call.fails && !wasReadable;
     if (!wasReadable && !interrupted) {
-        world->wait([&] {
-            return (readable && kernel->isReadable()) || daemonSystem->pendingSignal != 0;
-        }, duration);
+        world->wait(
+            [&] { return (readable && kernel->isReadable()) || daemonSystem->pendingSignal != 0; },
+            duration);
         world->pass(microsecond);  // if the process is stopped, it returns after that
     }
     const bool stopped = daemonSystem->pendingSignal != 0;
