@@ -102,8 +102,7 @@ void Kernel::depart(const DevicePointer& device, Hub& hub, const std::function<v
         }
     }
     if (device->configured) {
-        if (device->driverBound) sendOfDriver(*device, "remove");
-        if (sendsBind && device->driverBound) sendOfInterface(*device, "unbind");
+        if (device->driverBound) sendOfDriver(*device, false);
         sendOfInterface(*device, "remove");
     }
     world->after(shortTime(), [this, &hub, device, next] {
@@ -190,8 +189,7 @@ void Kernel::configure(Hub& hub, Port& port) {
         sendOfInterface(*device, "add");
         if (hasDriver && device->unit->isFt232()) {
             device->driverBound = true;
-            sendOfDriver(*device, "add");
-            if (sendsBind) sendOfInterface(*device, "bind");
+            sendOfDriver(*device, true);
         }
         if (device->unit->hub) {
             Hub& below = *device->unit->hub;
@@ -215,11 +213,16 @@ void Kernel::reset(const DevicePointer& device) {
     device->unit->driven = false;
     world->pass(world->between(15 * millisecond, 60 * millisecond));
     if (!device->attached) return;
-    if (sendsBind) sendOfInterface(*device, "unbind");
+    if (sendsBind) {
+        sendOfInterface(*device, "unbind");
+        const int number = std::exchange(device->number, 0);  // between reset and address
+        send(device, "change");
+        device->number = number;
+        send(device, "change");
+    }
     if (hasDriver) {
         device->driverBound = true;
-        sendOfDriver(*device, "add");
-        if (sendsBind) sendOfInterface(*device, "bind");
+        sendOfDriver(*device, true);
     }
     lastChange = world->now;
 }
@@ -227,8 +230,7 @@ void Kernel::reset(const DevicePointer& device) {
 void Kernel::detachDriver(const DevicePointer& device) {
     if (!device->driverBound) return;
     device->driverBound = false;
-    sendOfDriver(*device, "remove");
-    if (sendsBind) sendOfInterface(*device, "unbind");
+    sendOfDriver(*device, false);
 }
 
 DevicePointer Kernel::find(const std::string& node) const {
@@ -281,13 +283,23 @@ void Kernel::sendOfInterface(const Device& device, const char* action) {
 }
 
 // usb-serial makes a port and a tty of each device.
-void Kernel::sendOfDriver(const Device& device, const char* action) {
-    for (const char* subsystem : {"usb-serial", "tty"}) {
+void Kernel::sendOfDriver(const Device& device, bool comes) {
+    const auto sendOne = [&](const char* action, const char* subsystem) {
         const std::string path = device.path + "/interface/" + subsystem;
         broadcast({std::string(action) + "@" + path + '\0' + "ACTION=" + action + '\0' +
                        "DEVPATH=" + path + '\0' + "SUBSYSTEM=" + subsystem + '\0',
                    action, nullptr});
+    };
+    if (comes) {
+        sendOne("add", "usb-serial");
+        sendOne("add", "tty");
+        if (sendsBind) sendOne("bind", "usb-serial");
+    } else {
+        sendOne("remove", "tty");
+        if (sendsBind) sendOne("unbind", "usb-serial");
+        sendOne("remove", "usb-serial");
     }
+    if (sendsBind) sendOfInterface(device, comes ? "bind" : "unbind");
 }
 
 // netlink_broadcast_deliver and netlink_overrun: what does not fit is dropped, which the socket

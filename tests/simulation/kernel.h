@@ -109,7 +109,7 @@ private:
 
     void send(const DevicePointer& device, const char* action);
     void sendOfInterface(const Device& device, const char* action);
-    void sendOfDriver(const Device& device, const char* action);
+    void sendOfDriver(const Device& device, bool comes);
     void broadcast(Event event);
 
     std::deque<Event> queue;

@@ -1,4 +1,5 @@
 // simulation [--hours N] [--life HOURS] [--seed N] [--jobs N] [--only TEXT] [--progress]
+// simulation --order, or --order-ftdi-sio with the kernel's own driver
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <string>
 
 #include "life.h"
+#include "order.h"
 #include "world.h"
 
 namespace {
@@ -38,6 +40,7 @@ int main(int count, char* arguments[]) {
     bool showsProgress = false;
     for (int i = 1; i < count; ++i) {
         const std::string option = arguments[i];
+        if (option == "--order" || option == "--order-ftdi-sio") printOrder(option != "--order");
         if (option == "--progress") {
             showsProgress = true;
             continue;

@@ -181,7 +181,7 @@ ssize_t recv(int, void* buffer, size_t size, int flags) {
 int pselect(int, fd_set* readable, fd_set*, fd_set*, const timespec* limit, const sigset_t* mask) {
     const Call call("pselect");
     rules->waited();
-    daemonSystem->blocked = sigismember(mask, SIGTERM) == 1;
+    daemonSystem->blocked = mask && sigismember(mask, SIGTERM) == 1;
     // Another signal may interrupt a wait, but not what need not wait.
     const bool wasReadable = readable && kernel->isReadable();
     const Time duration = limit ? limit->tv_sec * second + limit->tv_nsec : never;
