@@ -14,6 +14,7 @@ constexpr int maxTries = 3;
 constexpr int maxChipRefusals = maxTries + 1;  // a list may name it when it is gone
 constexpr Time firstHour = 3600 * second;
 constexpr long someBlocks = 100;
+constexpr long mostCalls = 20'000;
 constexpr int mostSearches = 8;
 
 }  // namespace
@@ -120,6 +121,12 @@ void Rules::pinsSet() {
     open->tries = 0;
     if (++open->served > 1 && !open->eventsLost && !open->triggered && open->spoilt == 0)
         world->fail("%s is opened again", open->node().c_str());
+}
+
+void Rules::called() {
+    if (world->now / second != callsSecond) calls = 0;
+    callsSecond = world->now / second;
+    if (++calls > mostCalls) world->fail("it is busy: %ld calls in a second", calls);
 }
 
 void Rules::logged(const std::string& format, const std::string& line) {

@@ -48,6 +48,7 @@ std::map<int, OpenFile> openFiles;
 struct Call : Outside {
     explicit Call(const char* name) : fails(rules && rules->spoil(name)) {
         if (!world) return;
+        rules->called();
         world->pass(world->once(100) ? world->between(millisecond, 10 * millisecond)
                                      : world->between(microsecond, 20 * microsecond));
     }
