@@ -33,7 +33,8 @@ int main(int, char* arguments[]) {
         for (std::size_t at = 0; at < text.size(); at = text.find('\0', at) + 1) {
             const std::string entry(text.c_str() + at);
             const std::size_t equals = entry.find('=');
-            if (equals != std::string::npos) entries[entry.substr(0, equals)] = entry.substr(equals + 1);
+            if (equals != std::string::npos)
+                entries[entry.substr(0, equals)] = entry.substr(equals + 1);
         }
         std::string type = entries["DEVTYPE"];
         if (type.empty() && entries["SUBSYSTEM"] == "usb-serial") type = "usb_serial";

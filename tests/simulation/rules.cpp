@@ -55,6 +55,7 @@ void Rules::ended() {
 
 void Rules::attached(const DevicePointer& device) {
     if (device->unit->isFt232() && device->unit->release != 0x0600) chipRefusals += maxChipRefusals;
+    device->atStart = !kernel->isBound;  // nobody was told of it
     if (open && open->inSysfs) device->second = true;
 }
 

@@ -62,7 +62,7 @@ private:
          listings = 0;  // since the last calm
     Time countedSince = 0;
     Time callsSecond = 0;
-    long calls = 0;  // in this second
+    long calls = 0;       // in this second
     long mostBlocks = 0;  // of the first hour
     long blocksAtEnd = -1;
 };
