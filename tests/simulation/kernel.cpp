@@ -74,9 +74,8 @@ void Kernel::work(Hub& hub) {
         hub.working = true;
         port.changed = false;
         if (port.device) {
-            depart(std::exchange(port.device, nullptr), hub, [this, &hub, &port] {
-                debounce(hub, port);
-            });
+            depart(std::exchange(port.device, nullptr), hub,
+                   [this, &hub, &port] { debounce(hub, port); });
         } else {
             debounce(hub, port);
         }
@@ -103,17 +102,16 @@ void Kernel::depart(const DevicePointer& device, Hub& hub, const std::function<v
         }
     }
     if (device->configured) {
-        if (device->driverBound) sendOfDriver(*device, "remove");
-        if (sendsBind && device->driverBound) sendOfInterface(*device, "unbind");
+        if (device->driverBound) sendOfDriver(*device, false);
         sendOfInterface(*device, "remove");
     }
-    later(hub, shortTime(), [this, &hub, device, next] {
+    world->after(shortTime(), [this, &hub, device, next] {
         device->inSysfs = false;
         if (sendsBind) send(device, "unbind");
-        later(hub, shortTime(), [this, device, next] {
+        world->after(shortTime(), [this, &hub, device, next] {
             send(device, "remove");
             devices.erase(std::find(devices.begin(), devices.end(), device));
-            next();
+            later(hub, 0, next);
         });
     });
 }
@@ -191,8 +189,7 @@ void Kernel::configure(Hub& hub, Port& port) {
         sendOfInterface(*device, "add");
         if (hasDriver && device->unit->isFt232()) {
             device->driverBound = true;
-            sendOfDriver(*device, "add");
-            if (sendsBind) sendOfInterface(*device, "bind");
+            sendOfDriver(*device, true);
         }
         if (device->unit->hub) {
             Hub& below = *device->unit->hub;
@@ -216,11 +213,16 @@ void Kernel::reset(const DevicePointer& device) {
     device->unit->driven = false;
     world->pass(world->between(15 * millisecond, 60 * millisecond));
     if (!device->attached) return;
-    if (sendsBind) sendOfInterface(*device, "unbind");
+    if (sendsBind) {
+        sendOfInterface(*device, "unbind");
+        const int number = std::exchange(device->number, 0);  // between reset and address
+        send(device, "change");
+        device->number = number;
+        send(device, "change");
+    }
     if (hasDriver) {
         device->driverBound = true;
-        sendOfDriver(*device, "add");
-        if (sendsBind) sendOfInterface(*device, "bind");
+        sendOfDriver(*device, true);
     }
     lastChange = world->now;
 }
@@ -228,8 +230,7 @@ void Kernel::reset(const DevicePointer& device) {
 void Kernel::detachDriver(const DevicePointer& device) {
     if (!device->driverBound) return;
     device->driverBound = false;
-    sendOfDriver(*device, "remove");
-    if (sendsBind) sendOfInterface(*device, "unbind");
+    sendOfDriver(*device, false);
 }
 
 DevicePointer Kernel::find(const std::string& node) const {
@@ -275,20 +276,30 @@ void Kernel::send(const DevicePointer& device, const char* action) {
 
 void Kernel::sendOfInterface(const Device& device, const char* action) {
     const std::string path = device.path + "/interface";
-    broadcast({std::string(action) + "@" + path + '\0' + "ACTION=" + action + '\0' + "DEVPATH=" +
-                   path + '\0' + "SUBSYSTEM=usb" + '\0' + "DEVTYPE=usb_interface" + '\0' +
-                   "PRODUCT=403/6001/600" + '\0',
+    broadcast({std::string(action) + "@" + path + '\0' + "ACTION=" + action + '\0' +
+                   "DEVPATH=" + path + '\0' + "SUBSYSTEM=usb" + '\0' + "DEVTYPE=usb_interface" +
+                   '\0' + "PRODUCT=403/6001/600" + '\0',
                action, nullptr});
 }
 
 // usb-serial makes a port and a tty of each device.
-void Kernel::sendOfDriver(const Device& device, const char* action) {
-    for (const char* subsystem : {"usb-serial", "tty"}) {
+void Kernel::sendOfDriver(const Device& device, bool comes) {
+    const auto sendOne = [&](const char* action, const char* subsystem) {
         const std::string path = device.path + "/interface/" + subsystem;
         broadcast({std::string(action) + "@" + path + '\0' + "ACTION=" + action + '\0' +
                        "DEVPATH=" + path + '\0' + "SUBSYSTEM=" + subsystem + '\0',
                    action, nullptr});
+    };
+    if (comes) {
+        sendOne("add", "usb-serial");
+        sendOne("add", "tty");
+        if (sendsBind) sendOne("bind", "usb-serial");
+    } else {
+        sendOne("remove", "tty");
+        if (sendsBind) sendOne("unbind", "usb-serial");
+        sendOne("remove", "usb-serial");
     }
+    if (sendsBind) sendOfInterface(device, comes ? "bind" : "unbind");
 }
 
 // netlink_broadcast_deliver and netlink_overrun: what does not fit is dropped, which the socket

@@ -21,7 +21,7 @@ struct Device {
     bool driverBound = false;
 
     // What the rules count of it, since it was attached and the daemon started.
-    bool heard = false;      // its `add` was received
+    bool heard = false;  // its `add` was received
     bool eventsLost = false;
     bool triggered = false;  // an event that tells nothing new was made of it
     bool atStart = false;    // it was there when the daemon started
@@ -64,11 +64,11 @@ struct Event {
 class Kernel {
 public:
     // What differs between systems; set before the first device is plugged in.
-    bool sendsBind = true;            // since 4.14: change, bind and unbind
-    bool hasDriver = false;           // ftdi_sio is loaded
-    std::size_t room = 3;             // how many events the socket's buffer holds
+    bool sendsBind = true;   // since 4.14: change, bind and unbind
+    bool hasDriver = false;  // ftdi_sio is loaded
+    std::size_t room = 3;    // how many events the socket's buffer holds
     std::string nodes = "/dev/bus/usb/";
-    int occupied = 0;                 // of each bus's device numbers, by devices that stay
+    int occupied = 0;  // of each bus's device numbers, by devices that stay
 
     // Puts the plug of `unit` into a port, or draws it.
     void plug(Hub& hub, Port& port, Unit* unit);
@@ -109,7 +109,7 @@ private:
 
     void send(const DevicePointer& device, const char* action);
     void sendOfInterface(const Device& device, const char* action);
-    void sendOfDriver(const Device& device, const char* action);
+    void sendOfDriver(const Device& device, bool comes);
     void broadcast(Event event);
 
     std::deque<Event> queue;

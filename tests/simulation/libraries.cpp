@@ -102,7 +102,8 @@ int ftdi_usb_open_dev(ftdi_context* context, struct usb_device* record) {
     kernel->detachDriver(device);
     const bool canBeOpened = device->unit->canBeOpened && device->configured;
     world->pass(world->between(2 * millisecond, 30 * millisecond));
-    if (call.fails || !canBeOpened || !device->attached || device->unit->refusesUntil > world->now) {
+    if (call.fails || !canBeOpened || !device->attached ||
+        device->unit->refusesUntil > world->now) {
         rules->refused(device, call.fails || device->unit->refusesUntil > world->now);
         return -5;
     }

@@ -93,7 +93,7 @@ void Life::build() {
     kernel->hasDriver = world->once(3);
     kernel->room = 1 + world->random(4);
     if (!kernel->sendsBind && world->once(3)) kernel->nodes = "/proc/bus/usb/";
-    if (world->once(3)) kernel->occupied = static_cast<int>(world->random(115));
+    if (world->once(3)) kernel->occupied = static_cast<int>(world->random(100));
     libraries->hasTree = !world->once(4);
     spoilsSocket = world->once(8);
     if (world->once(2)) files->writeSettings(3, true);
@@ -170,8 +170,8 @@ void Life::plug(Unit& unit) {
         for (std::size_t port = 0; port < unit.hub->ports.size(); ++port) {
             const std::string& path = portOf(place).path;
             unit.hub->bus = place.hub->bus;
-            unit.hub->ports[port].path = path + path.substr(path.rfind('/')) + "." +
-                                         std::to_string(port + 1);
+            unit.hub->ports[port].path =
+                path + path.substr(path.rfind('/')) + "." + std::to_string(port + 1);
         }
     }
     kernel->plug(*place.hub, portOf(place), &unit);
@@ -207,7 +207,9 @@ void Life::faultOfUnits(std::uint32_t kind) {
             isPlugged(unit, place) ? draw(unit) : plug(unit);
             break;
         }
-        case 1: bounce(anyUnit()); break;
+        case 1:
+            bounce(anyUnit());
+            break;
         case 2: {
             // A cable beside the unit, at nearly the same time.
             plug(*good);
@@ -215,9 +217,15 @@ void Life::faultOfUnits(std::uint32_t kind) {
             world->after(world->between(0, 300 * millisecond), [this, &other] { plug(other); });
             break;
         }
-        case 3: draw(anyOther()); break;
-        case 4: plug(anyOther()); break;
-        case 5: bounce(anyOther()); break;
+        case 3:
+            draw(anyOther());
+            break;
+        case 4:
+            plug(anyOther());
+            break;
+        case 5:
+            bounce(anyOther());
+            break;
         case 6: {
             static const char* const actions[] = {"change", "change", "bind", "unbind", "add"};
             const char* action = actions[world->random(5)];
@@ -225,9 +233,14 @@ void Life::faultOfUnits(std::uint32_t kind) {
             kernel->trigger(action);
             break;
         }
-        case 7: good->refusesUntil = world->now + world->between(millisecond, 6 * second); break;
-        case 8: good->stuckUntil = world->now + world->between(millisecond, 6 * second); break;
-        default: break;
+        case 7:
+            good->refusesUntil = world->now + world->between(millisecond, 6 * second);
+            break;
+        case 8:
+            good->stuckUntil = world->now + world->between(millisecond, 6 * second);
+            break;
+        default:
+            break;
     }
 }
 
@@ -235,8 +248,12 @@ void Life::faultOfFiles(std::uint32_t kind) {
     File& alarms = files->alarms;
     switch (kind) {
         case 0:
-        case 1: files->writeAlarms(static_cast<int>(world->random(3))); break;
-        case 2: files->removeAlarms(); break;
+        case 1:
+            files->writeAlarms(static_cast<int>(world->random(3)));
+            break;
+        case 2:
+            files->removeAlarms();
+            break;
         case 3: {
             // A writer locks it, empties it, and takes its time.
             if (alarms.locked) break;
@@ -255,20 +272,36 @@ void Life::faultOfFiles(std::uint32_t kind) {
             files->writeAlarms(static_cast<int>(world->random(3)));
             alarms.readable = false;
             break;
-        case 5: files->writeSettings(static_cast<int>(world->random(4)), false); break;
+        case 5:
+            files->writeSettings(static_cast<int>(world->random(4)), false);
+            break;
         case 6:
             if (files->overlayLevel >= 0)
                 files->writeSettings(static_cast<int>(world->random(4)), true);
             break;
-        default: break;
+        default:
+            break;
     }
 }
 
 void Life::faultOfCalls() {
-    static const char* const calls[] = {
-        "ftdi_usb_find_all", "ftdi_usb_get_strings", "ftdi_usb_open_dev",
-        "ftdi_read_eeprom_location", "ftdi_set_bitmode", "ftdi_read_pins", "ftdi_disable_bitbang",
-        "recv", "pselect", "stat", "access", "open", "read", "fopen", "flock", "fgets", "getdelim"};
+    static const char* const calls[] = {"ftdi_usb_find_all",
+                                        "ftdi_usb_get_strings",
+                                        "ftdi_usb_open_dev",
+                                        "ftdi_read_eeprom_location",
+                                        "ftdi_set_bitmode",
+                                        "ftdi_read_pins",
+                                        "ftdi_disable_bitbang",
+                                        "recv",
+                                        "pselect",
+                                        "stat",
+                                        "access",
+                                        "open",
+                                        "read",
+                                        "fopen",
+                                        "flock",
+                                        "fgets",
+                                        "getdelim"};
     rules->spoils[calls[world->random(17)]] = 1 + static_cast<int>(world->random(2));
 }
 
@@ -292,15 +325,23 @@ void Life::fault() {
     if (kind < 16) return faultOfFiles(kind - 9);
     switch (kind) {
         case 16:
-        case 17: faultOfCalls(); break;
-        case 18: kernel->otherEvents(1 + world->random(8)); break;
+        case 17:
+            faultOfCalls();
+            break;
+        case 18:
+            kernel->otherEvents(1 + world->random(8));
+            break;
         case 19:
             // The process is stopped, and events are lost.
             world->stopDaemonUntil(world->now + world->between(0, 5 * second));
             kernel->otherEvents(8);
             break;
-        case 20: world->stopDaemonUntil(world->now + world->between(0, 500 * millisecond)); break;
-        case 21: stop(); break;
+        case 20:
+            world->stopDaemonUntil(world->now + world->between(0, 500 * millisecond));
+            break;
+        case 21:
+            stop();
+            break;
         case 22: {
             // Unheard.
             world->stopDaemonUntil(world->now + world->between(second, 5 * second));

@@ -1,4 +1,5 @@
 // simulation [--hours N] [--life HOURS] [--seed N] [--jobs N] [--only TEXT] [--progress]
+// simulation --order, or --order-ftdi-sio with the kernel's own driver
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,14 +10,15 @@
 #include <string>
 
 #include "life.h"
+#include "order.h"
 #include "world.h"
 
 namespace {
 
 // What the processes share.
 struct Progress {
-    std::atomic<std::uint64_t> next;    // the seed of the next life
-    std::atomic<std::uint64_t> lives;   // that have ended
+    std::atomic<std::uint64_t> next;   // the seed of the next life
+    std::atomic<std::uint64_t> lives;  // that have ended
     std::atomic<std::uint64_t> faults;
     std::atomic<bool> failed;
 };
@@ -38,21 +40,29 @@ int main(int count, char* arguments[]) {
     bool showsProgress = false;
     for (int i = 1; i < count; ++i) {
         const std::string option = arguments[i];
+        if (option == "--order" || option == "--order-ftdi-sio") printOrder(option != "--order");
         if (option == "--progress") {
             showsProgress = true;
             continue;
         }
         if (++i == count) return 2;
-        if (option == "--hours") hours = std::strtoull(arguments[i], nullptr, 10);
-        else if (option == "--life") life = std::atoi(arguments[i]);
-        else if (option == "--seed") seed = std::strtoull(arguments[i], nullptr, 10);
-        else if (option == "--jobs") jobs = std::atol(arguments[i]);
-        else if (option == "--only") World::onlyRule = arguments[i];
-        else return 2;
+        if (option == "--hours")
+            hours = std::strtoull(arguments[i], nullptr, 10);
+        else if (option == "--life")
+            life = std::atoi(arguments[i]);
+        else if (option == "--seed")
+            seed = std::strtoull(arguments[i], nullptr, 10);
+        else if (option == "--jobs")
+            jobs = std::atol(arguments[i]);
+        else if (option == "--only")
+            World::onlyRule = arguments[i];
+        else
+            return 2;
     }
-    const std::uint64_t lastSeed = seed + (hours + static_cast<unsigned>(life) - 1) / static_cast<unsigned>(life);
-    auto* progress = static_cast<Progress*>(mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE,
-                                                 MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    const std::uint64_t lastSeed =
+        seed + (hours + static_cast<unsigned>(life) - 1) / static_cast<unsigned>(life);
+    auto* progress = static_cast<Progress*>(
+        mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     progress->next = seed;
     for (long job = 0; job < jobs; ++job) {
         if (fork() != 0) continue;

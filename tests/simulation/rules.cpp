@@ -14,6 +14,7 @@ constexpr int maxTries = 3;
 constexpr int maxChipRefusals = maxTries + 1;  // a list may name it when it is gone
 constexpr Time firstHour = 3600 * second;
 constexpr long someBlocks = 100;
+constexpr long mostCalls = 20'000;
 constexpr int mostSearches = 8;
 
 }  // namespace
@@ -54,6 +55,7 @@ void Rules::ended() {
 
 void Rules::attached(const DevicePointer& device) {
     if (device->unit->isFt232() && device->unit->release != 0x0600) chipRefusals += maxChipRefusals;
+    device->atStart = !kernel->isBound;  // nobody was told of it
     if (open && open->inSysfs) device->second = true;
 }
 
@@ -122,6 +124,12 @@ void Rules::pinsSet() {
         world->fail("%s is opened again", open->node().c_str());
 }
 
+void Rules::called() {
+    if (world->now / second != callsSecond) calls = 0;
+    callsSecond = world->now / second;
+    if (++calls > mostCalls) world->fail("it is busy: %ld calls in a second", calls);
+}
+
 void Rules::logged(const std::string& format, const std::string& line) {
     if (format == "device is not 'usb_device'" || format == "can't get device node path" ||
         format == "udev: FTDI USB device (%s) removed" || format == "USB device VID/PID: %s:%s") {
@@ -164,16 +172,17 @@ void Rules::checkUnits() const {
 void Rules::calm() {
     checkUnits();
     const int level = files->overlayLevel < 0 ? files->primaryLevel : files->overlayLevel;
-    if (open && SysLog::instance()->debugLevel != level) world->fail("the debug level is not %d", level);
-    if (countsLines && lines != events)
-        world->fail("%ld lines of %ld datagrams", lines, events);
+    if (open && SysLog::instance()->debugLevel != level)
+        world->fail("the debug level is not %d", level);
+    if (countsLines && lines != events) world->fail("%ld lines of %ld datagrams", lines, events);
     const auto seconds = static_cast<long>((world->now - countedSince) / second);
     if (cycles > seconds + events + losses + 5)
         world->fail("%ld cycles in %ld s with %ld events", cycles, seconds, events);
     if (waits > 4 * (seconds + 5) + 12 * (events + losses))
         world->fail("%ld waits in %ld s with %ld events", waits, seconds, events);
     if (!socket && listings > seconds + 5) world->fail("%ld searches in %ld s", listings, seconds);
-    if (world->now < firstHour) mostBlocks = std::max(mostBlocks, daemonBlocks);
+    if (world->now < firstHour)
+        mostBlocks = std::max(mostBlocks, daemonBlocks);
     else if (daemonBlocks > mostBlocks + someBlocks)
         world->fail("memory: %ld blocks, %ld in the first hour", daemonBlocks, mostBlocks);
     beginCount();

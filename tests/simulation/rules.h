@@ -34,7 +34,8 @@ public:
     void pinsSet();
     void closed() { open = nullptr; }
 
-    // Of the loop: a cycle; a wait; a message; the log's level is changed.
+    // Of the loop: a call of the system; a cycle; a wait; a message; the log's level is changed.
+    void called();
     void cycle() { ++cycles; }
     void waited() { ++waits; }
     void logged(const std::string& format, const std::string& line);
@@ -54,12 +55,15 @@ private:
     bool socket = true;
     bool stoppedInWait = false;
     bool pinsOfThisOpening = false;
-    int searches = 0;       // that have a cause
-    int chipRefusals = 0;   // that may come, of devices with another chip
+    int searches = 0;      // that have a cause
+    int chipRefusals = 0;  // that may come, of devices with another chip
     bool countsLines = false;
-    long events = 0, losses = 0, lines = 0, cycles = 0, waits = 0, listings = 0;  // since the last calm
+    long events = 0, losses = 0, lines = 0, cycles = 0, waits = 0,
+         listings = 0;  // since the last calm
     Time countedSince = 0;
-    long mostBlocks = 0;    // of the first hour
+    Time callsSecond = 0;
+    long calls = 0;       // in this second
+    long mostBlocks = 0;  // of the first hour
     long blocksAtEnd = -1;
 };
 

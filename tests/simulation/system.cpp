@@ -48,6 +48,7 @@ std::map<int, OpenFile> openFiles;
 struct Call : Outside {
     explicit Call(const char* name) : fails(rules && rules->spoil(name)) {
         if (!world) return;
+        rules->called();
         world->pass(world->once(100) ? world->between(millisecond, 10 * millisecond)
                                      : world->between(microsecond, 20 * microsecond));
     }
@@ -79,8 +80,9 @@ DevicePointer attribute(const std::string& path, std::string& name) {
 
 std::string attributeText(const Device& device, const std::string& name) {
     char text[8];
-    std::snprintf(text, sizeof text, "%04x\n", static_cast<unsigned>(
-                      name == "idVendor" ? device.unit->vendor : device.unit->product));
+    std::snprintf(
+        text, sizeof text, "%04x\n",
+        static_cast<unsigned>(name == "idVendor" ? device.unit->vendor : device.unit->product));
     if (name != "bConfigurationValue") return text;
     return device.configured ? "1\n" : "";
 }
@@ -180,15 +182,15 @@ ssize_t recv(int, void* buffer, size_t size, int flags) {
 int pselect(int, fd_set* readable, fd_set*, fd_set*, const timespec* limit, const sigset_t* mask) {
     const Call call("pselect");
     rules->waited();
-    daemonSystem->blocked = sigismember(mask, SIGTERM) == 1;
+    daemonSystem->blocked = mask && sigismember(mask, SIGTERM) == 1;
     // Another signal may interrupt a wait, but not what need not wait.
     const bool wasReadable = readable && kernel->isReadable();
     const Time duration = limit ? limit->tv_sec * second + limit->tv_nsec : never;
     const bool interrupted = call.fails && !wasReadable;
     if (!wasReadable && !interrupted) {
-        world->wait([&] {
-            return (readable && kernel->isReadable()) || daemonSystem->pendingSignal != 0;
-        }, duration);
+        world->wait(
+            [&] { return (readable && kernel->isReadable()) || daemonSystem->pendingSignal != 0; },
+            duration);
         world->pass(microsecond);  // if the process is stopped, it returns after that
     }
     const bool stopped = daemonSystem->pendingSignal != 0;

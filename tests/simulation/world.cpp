@@ -34,9 +34,7 @@ std::uint32_t World::random(std::uint32_t count) {
     return static_cast<std::uint32_t>(((z >> 32) * count) >> 32);
 }
 
-Time World::between(Time least, Time most) {
-    return least + (most - least) / 4096 * random(4096);
-}
+Time World::between(Time least, Time most) { return least + (most - least) / 4096 * random(4096); }
 
 void World::after(Time delay, std::function<void()> what) {
     events.emplace(now + delay, std::move(what));

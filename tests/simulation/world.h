@@ -18,7 +18,8 @@ constexpr Time never = INT64_MAX;
 // has happened. One seed makes one world.
 class World {
 public:
-    explicit World(std::uint64_t ownSeed) : state(ownSeed * 0x9e3779b97f4a7c15 + 1), seed(ownSeed) {}
+    explicit World(std::uint64_t ownSeed)
+        : state(ownSeed * 0x9e3779b97f4a7c15 + 1), seed(ownSeed) {}
 
     Time now = 0;
 
