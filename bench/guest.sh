@@ -58,6 +58,17 @@ while [ "$try" -lt "$tries" ]; do
     echo "rename $(((uptime - began) * 10))"
 done
 
+# The lamp test raises, changes and clears an alarm, and wakes the daemon each time.
+pinwatchd-alarm clear --all
+try=0
+while [ "$try" -lt "$tries" ]; do
+    try=$((try + 3))
+    usleep $((try * 617 % 1000 * 1000))
+    pinwatchd-alarm test --no-wait | awk '/ s: / { print "raise", int($1 * 1000) }'
+done
+publishAlarm "ALARM$alarm="
+expectPins 0 "0$alarm"
+
 for _ in 1 2 3 4 5 6 7 8 9 10; do
     sim unplug 0
     sim plug 0
