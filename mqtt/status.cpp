@@ -1,0 +1,62 @@
+#include "status.h"
+
+#include <algorithm>
+
+#include "alarmmask.h"
+#include "alarmmessage.h"
+#include "textfile.h"
+
+namespace {
+
+constexpr std::size_t longestLine = 300;
+
+std::string alarmOf(const std::string& path) {
+    static constexpr const char* names[] = {"none", "ALARM1", "ALARM2"};
+    IniFile alarms("");
+    if (!alarms.load(path)) return "unknown";
+    return names[evaluateAlarmMask(alarms)];
+}
+
+std::string firstLine(const std::string& path) {
+    std::string text;
+    readText(path, text);
+    return oneLine(text.substr(0, text.find('\n')), longestLine);
+}
+
+}  // namespace
+
+Status::Status(const BridgeSettings& bridgeSettings, Broker& connection)
+    : settings(bridgeSettings), broker(connection) {}
+
+void Status::update(bool fileIsUpToDate) {
+    if (broker.replays() != toldReplay) told.clear();
+    toldReplay = broker.replays();
+    if (toldReplay == 0) return;
+    tell(broker.statusTopic("bridge"), "online");
+    tell(broker.statusTopic("alarm"), fileIsUpToDate ? alarmOf(settings.alarmsFile) : "unknown");
+    if (!settings.unitFile.empty()) {
+        tell(broker.statusTopic("unit"), firstLine(settings.unitFile));
+    }
+    if (!settings.discovery.empty()) tellDiscovery();
+}
+
+void Status::tell(const std::string& topic, const std::string& payload) {
+    const auto known = told.find(topic);
+    if (known != told.end() && known->second == payload) return;
+    told[topic] = payload;
+    broker.publish(topic, payload);
+}
+
+// The convention of Home Assistant: a sensor is described in JSON below the discovery topic.
+void Status::tellDiscovery() {
+    std::string id = "pinwatchd_" + settings.name;
+    std::replace(id.begin(), id.end(), '.', '_');
+    for (const std::string what : {"alarm", "unit"}) {
+        if (what == "unit" && settings.unitFile.empty()) continue;
+        tell(settings.discovery + "/sensor/" + id + "/" + what + "/config",
+             R"({"name":")" + what + R"(","unique_id":")" + id + "_" + what +
+                 R"(","state_topic":")" + broker.statusTopic(what) + R"(","availability_topic":")" +
+                 broker.statusTopic("bridge") + R"(","device":{"identifiers":[")" + id +
+                 R"("],"name":"pinwatchd )" + settings.name + R"("}})");
+    }
+}
