@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 #include "logger.h"
 #include "patience.h"
@@ -122,10 +123,13 @@ void Broker::run(std::chrono::milliseconds time) {
         subscribe();
     }
     const int result = mosquitto_loop(client, static_cast<int>(time.count()), 1);
-    if (result != MOSQ_ERR_SUCCESS) waitBeforeNext();
+    if (result == MOSQ_ERR_SUCCESS) return;
+    tellProblem(reasonOf(result));
+    waitBeforeNext();
 }
 
 void Broker::connect() {
+    told = false;
     int result = MOSQ_ERR_SUCCESS;
     if (triedFirst) {
         result = mosquitto_reconnect_async(client);
@@ -160,7 +164,7 @@ std::string Broker::reasonOf(int result) {
 }
 
 void Broker::tellProblem(const std::string& problem) {
-    if (problem == lastProblem) return;
+    if (std::exchange(told, true) || problem == lastProblem) return;
     lastProblem = problem;
     logWarning("no connection to the broker %s:%d: %s", settings.host.c_str(), settings.port,
                problem.c_str());
@@ -169,18 +173,18 @@ void Broker::tellProblem(const std::string& problem) {
 void Broker::onConnect(int reason) {
     if (reason != 0) {
         tellProblem(mosquitto_reason_string(reason));
-        refused = true;
         return;
     }
     connected = true;
+    told = false;
     connectedSince = Clock::now();
     subscribe();
 }
 
 void Broker::onDisconnect(int reason) {
-    if (!refused && reason != MOSQ_ERR_SUCCESS) tellProblem(reasonOf(reason));
+    if (reason != MOSQ_ERR_SUCCESS) tellProblem(reasonOf(reason));
     if (connected && Clock::now() - connectedSince >= goodConnection) delay = shortestDelay;
-    connected = subscribed = refused = false;
+    connected = subscribed = false;
 }
 
 void Broker::subscribe() {

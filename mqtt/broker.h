@@ -78,7 +78,7 @@ private:
     mosquitto* client = nullptr;
     bool triedFirst = false;
     bool connected = false;
-    bool refused = false;  // by the broker's answer to the connection
+    bool told = false;  // why this attempt failed
     bool subscribed = false;
     bool publishRefused = false;
     Clock::time_point heard;

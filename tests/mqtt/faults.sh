@@ -238,6 +238,8 @@ encrypted() {
     startBridge Port=8883 CaFile=own.crt
     publish a/encrypted ALARM1
     await isRaised '[mqtt/a/encrypted] alarm1'
+    signal TERM "$broker"
+    startBroker
     publish a/encrypted ''
 }
 
