@@ -98,7 +98,6 @@ bool Broker::open() {
                                        self(object).onMessage(*message);
                                    });
     mosquitto_log_callback_set(client, [](mosquitto*, void* object, int level, const char* text) {
-        logDebug2("libmosquitto: %s", text);
         if (level == MOSQ_LOG_ERR) self(object).libraryError = text;
     });
     return true;

@@ -48,7 +48,9 @@ public:
         const bool done = file.update([&](std::string& text) {
             return updateSections(text, settings.prefix, withAlarms, wanted);
         });
-        if (!done && file.problem != lastProblem) logError("%s", file.problem.c_str());
+        if (!done && file.problem != lastProblem) {
+            logError("cannot update the alarms file: %s", file.problem.c_str());
+        }
         lastProblem = done ? "" : file.problem;
         isAsLeft();
         return done;
@@ -104,7 +106,9 @@ int bridge(const BridgeSettings& settings) {
         const bool isTimeToLook = now >= nextLook;
         if (isTimeToLook) nextLook = now + lookInterval;
         const IniSection ownNow = ownAlarm(settings, broker, retained);
-        if (ownNow != own && !ownNow.empty()) logWarning("%s", ownNow.begin()->second.c_str());
+        if (ownNow != own && !ownNow.empty()) {
+            logWarning("bridge alarm: %s", ownNow.begin()->second.c_str());
+        }
         if (retained.takeChanged() || ownNow != own || (isTimeToLook && !file.isAsLeft())) {
             isUpToDate = false;
         }

@@ -1,6 +1,9 @@
 #include "status.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <ctime>
 
 #include "alarmmask.h"
 #include "alarmmessage.h"
@@ -9,6 +12,7 @@
 namespace {
 
 constexpr std::size_t longestLine = 300;
+constexpr std::time_t unitSeconds = 300;  // after which its file is too old
 
 std::string alarmOf(const std::string& path) {
     static constexpr const char* names[] = {"none", "ALARM1", "ALARM2"};
@@ -17,8 +21,11 @@ std::string alarmOf(const std::string& path) {
     return names[evaluateAlarmMask(alarms)];
 }
 
-std::string firstLine(const std::string& path) {
+std::string unitOf(const std::string& path) {
+    struct stat status = {};
     std::string text;
+    if (stat(path.c_str(), &status) != 0) return "";
+    if (status.st_mtime + unitSeconds < std::time(nullptr)) return "unknown";
     readText(path, text);
     return oneLine(text.substr(0, text.find('\n')), longestLine);
 }
@@ -34,9 +41,8 @@ void Status::update(bool fileIsUpToDate) {
     if (toldReplay == 0) return;
     tell(broker.statusTopic("bridge"), "online");
     tell(broker.statusTopic("alarm"), fileIsUpToDate ? alarmOf(settings.alarmsFile) : "unknown");
-    if (!settings.unitFile.empty()) {
-        tell(broker.statusTopic("unit"), firstLine(settings.unitFile));
-    }
+    const std::string unit = unitOf(settings.unitFile);
+    if (!unit.empty()) tell(broker.statusTopic("unit"), unit);
     if (!settings.discovery.empty()) tellDiscovery();
 }
 

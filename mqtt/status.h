@@ -9,7 +9,8 @@
 //
 //   bridge  online, or offline by the connection's last will
 //   alarm   what the alarms file raises: none, ALARM1 or ALARM2; unknown if it is not up to date
-//   unit    the first line of a file, where another program tells how the unit is
+//   unit    the first line of a file in which another program tells how the unit is; unknown if
+//           that does so no more; not told if there is no such file
 class Status {
 public:
     Status(const BridgeSettings& settings, Broker& broker);

@@ -112,8 +112,13 @@ ended() {
     ! kill -0 "$1" 2>/dev/null || grep -q '^State:.Z' "/proc/$1/status" 2>/dev/null
 }
 
+# timesLogged TEXT: by this fault.
+timesLogged() {
+    tail -n +"$((seen + 1))" log | grep -cF -e "$1"
+}
+
 logged() {
-    tail -n +"$((seen + 1))" log | grep -qF -e "$1"
+    [ "$(timesLogged "$1")" -gt 0 ]
 }
 
 # What the broker holds, and what the file raises, as sorted lines "[section] alarm1".
@@ -228,7 +233,7 @@ cannotConnect() {
     startBridge "${@:2}"
     await isSilent
     await logged "$1"
-    [ "$(grep -cF -e "$1" log)" -le 2 ] || fail "is told more than once: $1"
+    [ "$(timesLogged "$1")" -eq 1 ] || fail "is told more than once: $1"
     signal TERM "$bridge"
     startBridge
 }
