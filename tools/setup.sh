@@ -21,7 +21,7 @@ packagesFor() {
         fuzz) echo clang "libclang-rt-$clang-dev" ;;
         analyse) echo clang-format clang-tidy cppcheck git shellcheck ;;
         bench) echo libbenchmark-dev libinih-dev valgrind ;;
-        tests) packagesFor build vm documents lifecycle fuzz analyse bench ;;
+        tests) packagesFor build vm broker documents lifecycle fuzz analyse bench ;;
         esac
     done
 }

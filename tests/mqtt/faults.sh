@@ -4,9 +4,9 @@
 # broker holds, and what others raised. With TEXT only the faults with this text.
 set -eu
 if [ -z "${PINWATCHD_FAULTS:-}" ]; then
-    command -v mosquitto >/dev/null || { echo "skipped: no mosquitto here" && exit 77; }
+    command -v mosquitto >/dev/null || { echo "faults.sh: skipped, no mosquitto here" && exit 77; }
     new=(unshare --map-root-user --net --mount --pid --fork --kill-child --mount-proc)
-    "${new[@]}" true || { echo "skipped: no namespaces here" && exit 77; }
+    "${new[@]}" true || { echo "faults.sh: skipped, needs user namespaces" && exit 77; }
     work=$(mktemp -d)
     trap 'rm -rf "$work"' EXIT
     PINWATCHD_FAULTS=$work "${new[@]}" "$0" "$@"
@@ -29,7 +29,7 @@ broker KILL rm store/mosquitto.db
 network
 file rm alarms
 file "$command" --file alarms clear --all
-file flock . sleep 12
+locked
 refuses 'is not ALARM1, ALARM2 or empty' a/door ALARM3
 refuses 'is not ALARM1, ALARM2 or empty' a/door "ALARM2$(printf '%0100000d' 1)"
 refuses 'ends in a blank or a bracket' 'a/b]' ALARM1
@@ -176,6 +176,15 @@ network() {
 file() {
     "$@"
     "$command" --file alarms raise local
+}
+
+locked() {
+    publish a/door ALARM1
+    exec 4<.
+    flock 4
+    publish a/door '' a/gate ALARM2
+    await logged 'cannot update the alarms file'
+    exec 4<&-
 }
 
 # refuses REASON NAME PAYLOAD: says so, and goes on.
