@@ -16,71 +16,56 @@
 
 namespace {
 
-// The daemon reads a file of 1 MB, and the longest alarms take 600 bytes each.
+// The daemon reads a file of 1 MB, and the longest alarms take less than 500 bytes each.
 constexpr int mostAlarms = 1000;
 
-struct Text {
+struct Setting {
     const char* section;
     const char* key;
-    std::string BridgeSettings::*value;
+    std::string BridgeSettings::*text;
+    int BridgeSettings::*number = nullptr;  // instead, within these limits
+    int least = 0;
+    int most = 0;
 };
 
-constexpr Text texts[] = {
+constexpr Setting known[] = {
     {"broker", "Host", &BridgeSettings::host},
+    {"broker", "Port", nullptr, &BridgeSettings::port, 1, 65535},
     {"broker", "User", &BridgeSettings::user},
     {"broker", "PasswordFile", &BridgeSettings::passwordFile},
     {"broker", "CaFile", &BridgeSettings::caFile},
     {"broker", "CertFile", &BridgeSettings::certFile},
     {"broker", "KeyFile", &BridgeSettings::keyFile},
+    {"broker", "Silence", nullptr, &BridgeSettings::silenceSeconds, 5, 86400},
     {"alarms", "Topic", &BridgeSettings::topic},
     {"alarms", "Prefix", &BridgeSettings::prefix},
     {"alarms", "File", &BridgeSettings::alarmsFile},
+    {"alarms", "Limit", nullptr, &BridgeSettings::maxAlarms, 1, mostAlarms},
     {"status", "Topic", &BridgeSettings::statusTopic},
     {"status", "Name", &BridgeSettings::name},
     {"status", "UnitFile", &BridgeSettings::unitFile},
     {"status", "Discovery", &BridgeSettings::discovery},
 };
 
-struct Number {
-    const char* section;
-    const char* key;
-    int BridgeSettings::*value;
-    int least;
-    int most;
-};
-
-constexpr Number numbers[] = {
-    {"broker", "Port", &BridgeSettings::port, 1, 65535},
-    {"broker", "Silence", &BridgeSettings::silenceSeconds, 5, 86400},
-    {"alarms", "Limit", &BridgeSettings::maxAlarms, 1, mostAlarms},
-};
-
-// The table's entry for a key, or null.
-template <class Table>
-auto* entryOf(const Table& table, const std::string& section, const std::string& key) {
-    for (const auto& entry : table) {
-        if (strcasecmp(entry.section, section.c_str()) == 0 &&
-            strcasecmp(entry.key, key.c_str()) == 0) {
-            return &entry;
-        }
-    }
-    return static_cast<decltype(&table[0])>(nullptr);
-}
-
 // Why an assignment cannot be used, or null.
 const char* take(BridgeSettings& settings, const std::string& section, const std::string& key,
                  const std::string& value) {
-    if (const Text* text = entryOf(texts, section, key)) {
-        settings.*text->value = value;
+    for (const Setting& setting : known) {
+        if (strcasecmp(setting.section, section.c_str()) != 0 ||
+            strcasecmp(setting.key, key.c_str()) != 0) {
+            continue;
+        }
+        if (setting.text) {
+            settings.*setting.text = value;
+            return nullptr;
+        }
+        int number = 0;
+        if (!toInt(value, number, 10)) return "is not a number";
+        if (number < setting.least || number > setting.most) return "is out of range";
+        settings.*setting.number = number;
         return nullptr;
     }
-    const Number* number = entryOf(numbers, section, key);
-    if (!number) return "there is no such setting";
-    int parsed = 0;
-    if (!toInt(value, parsed, 10)) return "is not a number";
-    if (parsed < number->least || parsed > number->most) return "is out of range";
-    settings.*number->value = parsed;
-    return nullptr;
+    return "there is no such setting";
 }
 
 bool isTopic(const std::string& topic) {
@@ -147,12 +132,13 @@ bool readBridgeSettings(const std::string& path, BridgeSettings& settings) {
     if (settings.caFile.empty() && !settings.certFile.empty()) {
         refuse("broker", "CaFile", "is needed for TLS");
     }
-    for (const Text& file : texts) {
-        const std::string& name = settings.*file.value;
-        const bool isRead = std::string(file.section) == "broker" &&
-                            std::string(file.key).find("File") != std::string::npos;
-        if (isRead && !name.empty() && access(name.c_str(), R_OK) != 0) {
-            refuse(file.section, file.key, "cannot be read");
+    for (const Setting& setting : known) {
+        const bool isRead = std::string(setting.section) == "broker" &&
+                            std::string(setting.key).find("File") != std::string::npos;
+        if (!isRead) continue;
+        const std::string& file = settings.*setting.text;
+        if (!file.empty() && access(file.c_str(), R_OK) != 0) {
+            refuse(setting.section, setting.key, "cannot be read");
         }
     }
     if (!settings.passwordFile.empty()) {

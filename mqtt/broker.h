@@ -29,7 +29,7 @@ public:
     using Clock = std::chrono::steady_clock;
 
     // Both must outlive the object.
-    Broker(const BridgeSettings& settings, RetainedAlarms& retained);
+    Broker(const BridgeSettings& bridgeSettings, RetainedAlarms& retainedAlarms);
     ~Broker();
     Broker(const Broker&) = delete;
     Broker& operator=(const Broker&) = delete;

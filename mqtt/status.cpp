@@ -58,11 +58,14 @@ void Status::tellDiscovery() {
     std::string id = "pinwatchd_" + settings.name;
     std::replace(id.begin(), id.end(), '.', '_');
     for (const std::string what : {"alarm", "unit"}) {
-        if (what == "unit" && settings.unitFile.empty()) continue;
-        tell(settings.discovery + "/sensor/" + id + "/" + what + "/config",
-             R"({"name":")" + what + R"(","unique_id":")" + id + "_" + what +
-                 R"(","state_topic":")" + broker.statusTopic(what) + R"(","availability_topic":")" +
-                 broker.statusTopic("bridge") + R"(","device":{"identifiers":[")" + id +
-                 R"("],"name":"pinwatchd )" + settings.name + R"("}})");
+        std::string json = R"({"name":")";
+        json.append(what).append(R"(","unique_id":")").append(id).append("_").append(what);
+        json.append(R"(","state_topic":")").append(broker.statusTopic(what));
+        json.append(R"(","availability_topic":")").append(broker.statusTopic("bridge"));
+        json.append(R"(","device":{"identifiers":[")").append(id);
+        json.append(R"("],"name":"pinwatchd )").append(settings.name).append(R"("}})");
+        std::string topic = settings.discovery;
+        topic.append("/sensor/").append(id).append("/").append(what).append("/config");
+        tell(topic, json);
     }
 }

@@ -13,7 +13,7 @@
 //           that does so no more; not told if there is no such file
 class Status {
 public:
-    Status(const BridgeSettings& settings, Broker& broker);
+    Status(const BridgeSettings& bridgeSettings, Broker& connection);
 
     // Publishes what is new, and all after a new connection.
     void update(bool fileIsUpToDate);
