@@ -26,7 +26,8 @@ int main(int argc, char* argv[]) {
         };
         const std::string name = std::string("/") + file;
         benchmark::RegisterBenchmark(("IniFile" + name).c_str(), load, loadIniFile, folder + file);
-        benchmark::RegisterBenchmark(("INIReader" + name).c_str(), load, loadIniReader, folder + file);
+        benchmark::RegisterBenchmark(("INIReader" + name).c_str(), load, loadIniReader,
+                                     folder + file);
     }
     for (const char* sections : {"10", "1000", "100000"}) {
         const auto reduce = [](benchmark::State& state, const std::string& path) {

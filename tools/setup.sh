@@ -10,16 +10,18 @@ packagesFor() {
     for purpose; do
         case $purpose in
         build | libftdi1)
-            echo g++ g++-i686-linux-gnu cmake ninja-build pkgconf googletest libftdi1-dev mmdebstrap
+            echo g++ g++-i686-linux-gnu cmake ninja-build pkgconf googletest libftdi1-dev \
+                libmosquitto-dev mmdebstrap
             ;;&
         build) echo libftdi-dev ;;
         vm) echo qemu-system-x86 cpio xz-utils ;;
+        broker) echo iproute2 mosquitto mosquitto-clients openssl python3 ;;
         documents) echo gettext mandoc python3 ;;
         lifecycle) echo lintian systemd uidmap ;;
         fuzz) echo clang "libclang-rt-$clang-dev" ;;
         analyse) echo clang-format clang-tidy cppcheck git shellcheck ;;
         bench) echo libbenchmark-dev libinih-dev valgrind ;;
-        tests) packagesFor build vm documents lifecycle fuzz analyse bench ;;
+        tests) packagesFor build vm broker documents lifecycle fuzz analyse bench ;;
         esac
     done
 }

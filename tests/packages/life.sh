@@ -30,7 +30,7 @@ raise() {
 listTree() {
     {
         find / -xdev \( -path /vm -o -path /var/lib/dpkg -o -path /var/lib/systemd -o -path /var/log \
-            -o -path /var/cache -o -name '.depend.*' \) -prune -o ! -path /tmp ! -path /run \
+            -o -path /var/cache -o -path /var/lib/mosquitto -o -path '/etc/*-' -o -name '.depend.*' \) -prune -o ! -path /tmp ! -path /run \
             -printf '%y %m %u:%g %p %l\n' -type f -exec md5sum {} +
         find /run /tmp \( -name '*pinwatchd*' -o -name '*orvel*' \)
     } | sort >"/run/tree.$1"
@@ -207,6 +207,46 @@ races() {
     done >/run/output
 }
 
+# ---- The bridge, with Debian's broker ----
+
+mqttAlarm() {
+    mosquitto_pub -q 1 -r -t pinwatchd/alarms/mill/door "$@"
+}
+
+bridgeIsOnline() {
+    [ "$(mosquitto_sub -t 'pinwatchd/status/+/bridge' -C 1 -W 5)" = online ]
+}
+
+bridge() {
+    ip link set lo up
+    service mosquitto restart
+    expect silently pinwatchd-alarm clear --all
+    expect silently dpkg -i bridge.deb
+    expect dpkg -V pinwatchd-mqtt
+    await bridgeIsOnline
+    expect hasMode /run/orvel root:pinwatchd-mqtt 2770
+    expect [ "$(stat -c %U "/proc/$(pidof pinwatchd-mqtt)")" = pinwatchd-mqtt ]
+    mqttAlarm -m 'ALARM2 open'
+    expectPins 0 02
+    expect hasMode /run/orvel/alarms pinwatchd-mqtt:pinwatchd-mqtt 660
+    kill -KILL "$(pidof pinwatchd-mqtt)"
+    mqttAlarm -n
+    [ -d /run/systemd/system ] || service pinwatchd-mqtt start
+    expectPins 0 03
+    service pinwatchd-mqtt restart
+    mqttAlarm -m ALARM1
+    expectPins 0 01
+    expect silently pinwatchd-alarm raise root ALARM2
+    expectPins 0 02
+    expect silently pinwatchd-alarm clear root
+    # Nobody would clear what it has raised.
+    expect silently dpkg -P pinwatchd-mqtt
+    expectPins 0 03
+    expect hasMode /run/orvel root:root 750
+    service mosquitto stop
+    raise ALARM1 /run/orvel/alarms 01
+}
+
 # ---- The life ----
 
 cd /vm || exit
@@ -263,6 +303,8 @@ if [ -d /run/systemd/system ]; then withSystemd; else withSysvinit; fi
 expectPins 0 01
 expect silently pinwatchd-alarm check
 echo "ok as a service"
+bridge
+echo "ok bridge"
 
 chmod 644 "$settingsFile"
 sed -i 's/^LogDebug = 0/LogDebug = 2/' "$settingsFile"

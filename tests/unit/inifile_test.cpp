@@ -137,9 +137,7 @@ TEST_F(IniFileTest, ReloadsWhatChanged) {
 
     // A version that comes while the one before is read is not taken for that one.
     write("primary", "a=old", 20);
-    onAllocation = [&] {
-        std::filesystem::rename(write("new", "a=new", 21), folder + "/primary");
-    };
+    onAllocation = [&] { std::filesystem::rename(write("new", "a=new", 21), folder + "/primary"); };
     document.reloadIfChanged();
     document.reloadIfChanged();
     EXPECT_EQ(text(document), "newO-");

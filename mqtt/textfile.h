@@ -1,0 +1,7 @@
+#pragma once
+
+#include <string>
+
+// The content of a small file, at most 1 MB of it. False, with the reason in errno, if it cannot
+// be read.
+bool readText(const std::string& path, std::string& text);
