@@ -83,7 +83,7 @@ END
 
 # README's figures times two, in ms: from plugging in to the pins, mean; from the alarm, mean and longest.
 plugMean=1070 alarmMean=1046 alarmLongest=2040
-timely=2 # naps that are so many hundredths of a second too long are those of a machine that has the time
+timely=3 # naps that are so many hundredths of a second too long are those of a machine that has the time
 times=/run/times
 overlayFile=/var/opt/orvel/etc/orvel.conf
 cycle='wait for vid=0000'
@@ -377,7 +377,8 @@ lampTests() {
 flood() {
     local file
     for file in /sys/class/tty/*/uevent; do
-        echo change >"$file"
+        # That of a unit may be gone by now.
+        { echo change >"$file"; } 2>/dev/null
     done
 }
 
@@ -579,7 +580,7 @@ took() {
 }
 
 # quickEnough NAME MEAN LONGEST: prints the times of that name, and fails where they are longer. Those
-# when the machine was late itself do not count.
+# when the machine was late itself do not count, and none does where they are more than a few.
 quickEnough() {
     awk -v name="$1" -v timely="$timely" -v mean="$2" -v longest="$3" '
         $1 == name { ++all }
@@ -587,7 +588,7 @@ quickEnough() {
         END { printf "%s to pins: %d times, %d of them on a machine with time", name, all, n
             if (n) printf ": mean %d ms, longest %d ms", sum / n, top
             print ""
-            exit n >= 3 && (sum / n > mean || top > longest) }' "$times" || fail "too slow"
+            exit n >= 3 && n * 4 >= all * 3 && (sum / n > mean || top > longest) }' "$times" || fail "too slow"
 }
 
 # ---- The course ----
