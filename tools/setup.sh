@@ -13,7 +13,10 @@ packagesFor() {
             echo g++ g++-i686-linux-gnu cmake ninja-build pkgconf googletest libftdi1-dev mmdebstrap
             ;;&
         build) echo libftdi-dev ;;
+        arm64) echo g++-aarch64-linux-gnu ;;
+        armhf) echo g++-arm-linux-gnueabihf ;;
         vm) echo qemu-system-x86 cpio xz-utils ;;
+        vm-arm64) echo qemu-system-arm ;;
         documents) echo gettext mandoc python3 ;;
         lifecycle) echo lintian systemd uidmap ;;
         fuzz) echo clang "libclang-rt-$clang-dev" ;;
