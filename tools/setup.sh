@@ -182,7 +182,7 @@ prepareVm() {
     local kernel
     for kernel; do
         if [ ! build/vm/base.cpio -nt rig/vm/image ] || [ ! -e "build/vm/$kernel" ]; then
-            quietly "fetching the VM's kernel $kernel (50 to 110 MB) and i386 libraries" \
+            quietly "fetching the VM's kernel $kernel (50 to 110 MB) and libraries" \
                 "${as_owner[@]}" rig/vm/image "$kernel"
         fi
     done
