@@ -83,7 +83,7 @@ END
 
 # README's figures times two, in ms: from plugging in to the pins, mean; from the alarm, mean and longest.
 plugMean=1070 alarmMean=1046 alarmLongest=2040
-timely=3 # naps that are so many hundredths of a second too long are those of a machine that has the time
+timely=10 # hundredths of a second: so long a look takes at worst on a machine that has the time
 times=/run/times
 overlayFile=/var/opt/orvel/etc/orvel.conf
 cycle='wait for vid=0000'
@@ -486,7 +486,7 @@ random() {
 pause() {
     r=$1
     [ -z "$soaking" ] || random $((2 * $1 + 1))
-    nap "$r"
+    usleep "${r}000"
 }
 
 # cycles N [MESSAGE]: waits for N more of the loop's cycles, or lines of the message, and sees that
@@ -572,7 +572,7 @@ calm() {
 }
 
 # took NAME BEGIN END: notes the times between two lines of the unit's log, by the unit's clock, and
-# how late this machine was meanwhile.
+# how long this machine took for a look meanwhile.
 took() {
     awk -v name="$1" -v from="$2" -v to="$3" -v late="$late" '
         $0 ~ from { began = $1 }
@@ -582,7 +582,7 @@ took() {
 }
 
 # quickEnough NAME MEAN LONGEST: prints the times of that name, and fails where they are longer. Those
-# when the machine was late itself do not count, and none does where they are more than a few.
+# when the machine itself was late do not count, and none does where those are more than a few.
 quickEnough() {
     awk -v name="$1" -v timely="$timely" -v mean="$2" -v longest="$3" '
         $1 == name { ++all }
@@ -612,7 +612,7 @@ run() {
     writes=$(grep -c ' bit mode ' "$simLog")
     # At any moment of the daemon's cycle.
     random 1000
-    nap "$r"
+    usleep "${r}000"
     sim pins 0 auto
     late=0
     show
