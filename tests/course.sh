@@ -83,7 +83,7 @@ END
 
 # README's figures times two, in ms: from plugging in to the pins, mean; from the alarm, mean and longest.
 plugMean=1070 alarmMean=1046 alarmLongest=2040
-timely=2 # naps that are so many hundredths of a second too long are those of a machine that has the time
+timely=10 # hundredths of a second: so long a look takes at worst on a machine that has the time
 times=/run/times
 overlayFile=/var/opt/orvel/etc/orvel.conf
 cycle='wait for vid=0000'
@@ -346,9 +346,11 @@ critical() {
 
 # fifoBriefly: what the daemon opened for ever is gone.
 fifoBriefly() {
+    local before
+    before=$(secondOf "$alarmsFile")
     rm -f "$alarmsFile"
     mkfifo "$alarmsFile"
-    stampFile "$alarmsFile"
+    stampFile "$alarmsFile" "$before"
     usleep 2500000
     rm "$alarmsFile"
 }
@@ -377,7 +379,8 @@ lampTests() {
 flood() {
     local file
     for file in /sys/class/tty/*/uevent; do
-        echo change >"$file"
+        # That of a unit may be gone by now.
+        { echo change >"$file"; } 2>/dev/null
     done
 }
 
@@ -439,7 +442,7 @@ oneCheck() {
     began=$uptime
     pinwatchd-alarm check --timeout 4 >/run/check
     uptimeCs
-    [ $((uptime - began)) -le 1200 ] || touch /run/late
+    [ $((uptime - began)) -le 4000 ] || touch /run/late
 }
 
 # raises: alarms come and go as fast as can be, each with an event for the daemon.
@@ -483,7 +486,7 @@ random() {
 pause() {
     r=$1
     [ -z "$soaking" ] || random $((2 * $1 + 1))
-    nap "$r"
+    usleep "${r}000"
 }
 
 # cycles N [MESSAGE]: waits for N more of the loop's cycles, or lines of the message, and sees that
@@ -570,7 +573,7 @@ calm() {
 }
 
 # took NAME BEGIN END: notes the times between two lines of the unit's log, by the unit's clock, and
-# how late this machine was meanwhile.
+# how long this machine took for a look meanwhile.
 took() {
     awk -v name="$1" -v from="$2" -v to="$3" -v late="$late" '
         $0 ~ from { began = $1 }
@@ -580,7 +583,7 @@ took() {
 }
 
 # quickEnough NAME MEAN LONGEST: prints the times of that name, and fails where they are longer. Those
-# when the machine was late itself do not count.
+# when the machine itself was late do not count, and none does where those are more than a few.
 quickEnough() {
     awk -v name="$1" -v timely="$timely" -v mean="$2" -v longest="$3" '
         $1 == name { ++all }
@@ -588,7 +591,7 @@ quickEnough() {
         END { printf "%s to pins: %d times, %d of them on a machine with time", name, all, n
             if (n) printf ": mean %d ms, longest %d ms", sum / n, top
             print ""
-            exit n >= 3 && (sum / n > mean || top > longest) }' "$times" || fail "too slow"
+            exit n >= 3 && n * 4 >= all * 3 && (sum / n > mean || top > longest) }' "$times" || fail "too slow"
 }
 
 # ---- The course ----
@@ -610,7 +613,7 @@ run() {
     writes=$(grep -c ' bit mode ' "$simLog")
     # At any moment of the daemon's cycle.
     random 1000
-    nap "$r"
+    usleep "${r}000"
     sim pins 0 auto
     late=0
     show

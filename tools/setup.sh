@@ -14,8 +14,11 @@ packagesFor() {
                 libmosquitto-dev mmdebstrap
             ;;&
         build) echo libftdi-dev ;;
+        arm64) echo g++-aarch64-linux-gnu ;;
+        armhf) echo g++-arm-linux-gnueabihf ;;
         vm) echo qemu-system-x86 cpio xz-utils ;;
         broker) echo iproute2 mosquitto mosquitto-clients openssl python3 ;;
+        vm-arm64) echo qemu-system-arm ;;
         documents) echo gettext mandoc python3 ;;
         lifecycle) echo lintian systemd uidmap ;;
         fuzz) echo clang "libclang-rt-$clang-dev" ;;
@@ -129,7 +132,7 @@ prepareVm() {
     local kernel
     for kernel; do
         if [ ! build/vm/base.cpio -nt rig/vm/image ] || [ ! "build/vm/$kernel" -nt rig/vm/image ]; then
-            quietly "fetching the VM's kernel $kernel (50 to 110 MB) and i386 libraries" \
+            quietly "fetching the VM's kernel $kernel (50 to 110 MB) and libraries" \
                 "${as_owner[@]}" rig/vm/image "$kernel"
         fi
     done

@@ -18,7 +18,7 @@ for rootHub in /sys/devices/platform/vhci_hcd.0/usb[0-9]*; do
     [ "$(cat "$rootHub/speed" 2>/dev/null)" != 480 ] || unitBus=${rootHub##*/usb}
 done
 limit=180 # seconds for what takes one or two on a machine that has the time
-late=0    # by how many hundredths of a second the worst nap was too long
+late=0    # see becomesTrue
 
 # ---- Waiting ----
 
@@ -36,23 +36,19 @@ if ! command -v usleep >/dev/null; then
     }
 fi
 
-# nap MS: sleeps, and notes in `late` how long the machine took to go on.
-nap() {
-    uptimeCs
-    local due=$((uptime + $1 / 10))
-    usleep $(($1 * 1000))
-    uptimeCs
-    [ "$late" -ge $((uptime - due)) ] || late=$((uptime - due))
-}
-
-# becomesTrue SECONDS COMMAND...: runs the command until it succeeds. False after SECONDS.
+# becomesTrue SECONDS COMMAND...: runs the command until it succeeds. False after SECONDS. Notes in
+# `late` how long it took at worst to look and to wake up again.
 becomesTrue() {
+    local end before
     uptimeCs
-    local end=$((uptime + $1 * 100))
+    end=$((uptime + $1 * 100))
     shift
     until "$@"; do
         [ "$uptime" -lt "$end" ] || return 1
-        nap 10
+        before=$uptime
+        usleep 10000
+        uptimeCs
+        [ "$late" -ge $((uptime - before)) ] || late=$((uptime - before))
     done
 }
 
