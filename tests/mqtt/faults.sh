@@ -300,6 +300,6 @@ done 3<<<"$faults"
 [ -z "$only" ] || exit 0
 signal TERM "$bridge"
 [ "$(client sub -t pinwatchd/status/lamp/bridge -C 1)" = offline ] || fail "is not offline"
-[ "$(client sub -t pinwatchd/status/lamp/alarm -C 1)" = ALARM2 ] || fail "tells no alarm"
+[ "$(client sub -t pinwatchd/status/lamp/alarm -C 1)" = ALARM1 ] || fail "tells another alarm"
 "$program" --config conf --clear
 [ "$(raised)" = '[local] alarm1' ] || fail "did not clear its own alone"
