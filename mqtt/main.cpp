@@ -113,7 +113,9 @@ int bridge(const BridgeSettings& settings) {
             isUpToDate = false;
         }
         own = ownNow;
-        if (!isUpToDate && now >= nextWrite) {
+        // Before the first replay an own alarm in the file is an earlier bridge's, perhaps true.
+        const bool hasNews = retained.isKnown() || !own.empty();
+        if (!isUpToDate && hasNews && now >= nextWrite) {
             IniFile::Sections wanted;
             if (retained.isKnown()) wanted = sectionsOf(retained.alarms(), settings.prefix);
             if (!own.empty()) wanted[settings.prefix] = own;

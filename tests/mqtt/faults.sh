@@ -22,6 +22,7 @@ publish case ''
 bridge KILL
 bridge TERM
 bridge STOP
+restartUnchanged
 broker TERM
 broker KILL
 broker STOP
@@ -144,6 +145,11 @@ isSilent() {
     isRaised '[mqtt] alarm1'
 }
 
+# statusIs TOPIC PAYLOAD
+statusIs() {
+    [ "$(client sub -t "pinwatchd/status/lamp/$1" -C 1)" = "$2" ]
+}
+
 # ---- Faults ----
 
 bridge() {
@@ -151,6 +157,18 @@ bridge() {
     [ "$1" != STOP ] || sleep $((silence * 3))
     publish a/door '' b/new 'ALARM1 meanwhile'
     if [ "$1" = STOP ]; then kill -CONT "$bridge"; else startBridge; fi
+}
+
+# restartUnchanged: nothing is cleared before all is known.
+restartUnchanged() {
+    local before
+    publish a/door ALARM1
+    await isRaised '[mqtt/a/door] alarm1'
+    before=$(stat -c '%i %Y' alarms)
+    signal TERM "$bridge"
+    startBridge
+    await statusIs bridge online
+    [ "$(stat -c '%i %Y' alarms)" = "$before" ] || fail "was written without need"
 }
 
 # broker SIGNAL [COMMAND...]: which runs while it is away.
@@ -174,6 +192,8 @@ network() {
 }
 
 file() {
+    publish a/door ALARM1
+    await isRaised '[mqtt/a/door] alarm1'
     "$@"
     "$command" --file alarms raise local
 }
@@ -222,6 +242,11 @@ manyTopics() {
     done | "$publisher" 127.0.0.1 admin right
     publish zz/last 'ALARM2 beyond the limit'
     await isAtLimit alarm2
+    signal KILL "$bridge"
+    rm alarms
+    startBridge
+    await isAtLimit alarm2
+    "$command" --file alarms raise local
     publish zz/last ''
     await isAtLimit alarm1
     [ "$(stat -c %s alarms)" -lt 100000 ] || fail "the file has no limit"
@@ -299,7 +324,7 @@ while read -r line <&3; do
 done 3<<<"$faults"
 [ -z "$only" ] || exit 0
 signal TERM "$bridge"
-[ "$(client sub -t pinwatchd/status/lamp/bridge -C 1)" = offline ] || fail "is not offline"
-[ "$(client sub -t pinwatchd/status/lamp/alarm -C 1)" = ALARM2 ] || fail "tells no alarm"
+statusIs bridge offline || fail "is not offline"
+statusIs alarm ALARM1 || fail "tells another alarm"
 "$program" --config conf --clear
 [ "$(raised)" = '[local] alarm1' ] || fail "did not clear its own alone"
