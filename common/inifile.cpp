@@ -115,26 +115,6 @@ IniLine readIniLine(std::string& line, std::string& value) {
     return IniLine::assignment;
 }
 
-namespace {
-
-// Makes the assignments of all lines of `text`.
-void interpret(const std::string& text, IniFile::Sections& sections) {
-    std::string currentSection;
-    std::string line;
-    std::string value;
-    std::size_t begin = 0;
-    while (begin < text.size()) {
-        const std::size_t end = std::min(text.find('\n', begin), text.size());
-        line.assign(text, begin, end - begin);
-        const IniLine kind = readIniLine(line, value);
-        if (kind == IniLine::header) currentSection = line;
-        if (kind == IniLine::assignment) sections[currentSection][line] = std::move(value);
-        begin = end + 1;
-    }
-}
-
-}  // namespace
-
 IniFile::IniFile(const std::string& primary, const std::string& overlay)
     : primaryPath(primary), overlayPath(overlay) {
     reloadIfChanged();
@@ -147,7 +127,10 @@ bool IniFile::load(const std::string& path) {
         std::string text;
         if (!readFile(path, text)) return false;
         Sections merged = sections;
-        interpret(text, merged);
+        forEachAssignment(
+            text, [&](const std::string& section, const std::string& key, std::string& value) {
+                merged[section][key] = std::move(value);
+            });
         // Who lists the names later must find room for them.
         std::deque<std::string> names;
         listNames(merged, names);

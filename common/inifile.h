@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <ctime>
 #include <deque>
 #include <map>
@@ -23,6 +24,24 @@ enum class IniLine { nothing, header, assignment };
 // Reads one line, without its line feed, by the text format's rules (see IniFile). Leaves the
 // section's name or the key in `line`, and an assignment's value in `value`.
 IniLine readIniLine(std::string& line, std::string& value);
+
+// Calls `use(section, key, value)` for each assignment in INI text, in the order in which IniFile
+// makes them.
+template <class Use>
+void forEachAssignment(const std::string& text, Use use) {
+    std::string section;
+    std::string line;
+    std::string value;
+    std::size_t begin = 0;
+    while (begin < text.size()) {
+        const std::size_t end = std::min(text.find('\n', begin), text.size());
+        line.assign(text, begin, end - begin);
+        const IniLine kind = readIniLine(line, value);
+        if (kind == IniLine::header) section = line;
+        if (kind == IniLine::assignment) use(section, line, value);
+        begin = end + 1;
+    }
+}
 
 // An INI document bound to a primary file and an optional overlay file whose assignments are
 // laid over the primary's. Files are told to have changed by their modification time in whole
