@@ -254,6 +254,7 @@ bridge() {
 # ---- The life ----
 
 cd /vm || exit
+echo '127.0.0.1 localhost' >/etc/hosts
 listTree before
 
 # Another user was first in /tmp.
