@@ -63,7 +63,7 @@ if [ ! -d /sys/module/ftdi_sio ]; then
 fi
 # How many events fit, and so how often a unit is tried, differs.
 for file in /vm/order $seen; do
-    awk '/^==/ { name = $2; n = 0 } name !~ /loss|refused/ || n++ < 4' $file >$file.part
+    awk '/^==/ { name = $2; n = 0 } name !~ /loss|refused/ || n++ < 4' "$file" >"$file.part"
 done
 if ! diff /vm/order.part $seen.part; then
     fail "the simulation's order is another one"
