@@ -1,16 +1,45 @@
 #pragma once
 
+#include <array>
 #include <deque>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "unit.h"
+#include "world.h"
+
+// What can be plugged in: a TQ-5, which is an FT232R, or another device.
+struct Unit {
+    const char* name = "TQ-5";
+    int vendor = 0x0403;
+    int product = 0x6001;
+    int release = 0x0600;
+    const char* text = "TQ-5 alarm unit";
+    unsigned short eepromWord = 0x00aa;  // word 10: functions of CBUS0 and CBUS1
+    bool answersStrings = true;
+    bool canBeOpened = true;
+
+    // The pins (FTDI AN_232R-01): without CBUS bit-bang mode, after power on and after a reset of
+    // the bus they are no outputs.
+    bool driven = false;
+    std::uint8_t levels = 0;
+    Time refusesUntil = 0;  // vendor requests stall
+    Time stuckUntil = 0;    // the pins read otherwise than written
+
+    bool isFt232() const { return vendor == 0x0403 && product == 0x6001; }
+    bool isTq5() const { return std::string(text).find("TQ-5") != std::string::npos; }
+    bool isGood() const {
+        return isFt232() && release == 0x0600 && isTq5() && (eepromWord & 0xff) == 0xaa &&
+               answersStrings && canBeOpened;
+    }
+};
+
+struct Hub;
 
 // One attachment of a unit, as the kernel has it.
 struct Device {
     Unit* unit = nullptr;
+    Hub* hub = nullptr;  // that it hangs on
     int bus = 1;
     int number = 0;
     std::string path;         // DEVPATH
@@ -18,7 +47,6 @@ struct Device {
     bool attached = true;     // on the wire: it answers
     bool locked = false;      // its lock is held by the kernel
     bool configured = false;  // it has its interface
-    bool driverBound = false;
 
     // What the rules count of it, since it was attached and the daemon started.
     bool heard = false;  // its `add` was received
@@ -26,18 +54,21 @@ struct Device {
     bool triggered = false;  // an event that tells nothing new was made of it
     bool atStart = false;    // it was there when the daemon started
     bool second = false;     // another good unit was open meanwhile
-    bool doubtful = false;   // pins were set, and not confirmed
     int tries = 0;           // refused openings
     int spoilt = 0;          // of these, by a fault that was put in
     int served = 0;          // openings that got as far as the pins
+    // A value that the unit took but that did not read back stays when the alarm state returns to
+    // the one written before: so the pins may show it.
+    bool doubtful = false;
 
     std::string busName() const { return "00" + std::to_string(bus); }
-    std::string fileName() const;
+    std::string fileName() const { return std::to_string(1000 + number).substr(1); }
     std::string node() const { return busName() + "/" + fileName(); }
 };
 using DevicePointer = std::shared_ptr<Device>;
 
 struct Port {
+    Hub* hub = nullptr;
     std::string path;
     Unit* unit = nullptr;
     DevicePointer device;
@@ -47,10 +78,8 @@ struct Port {
 
 struct Hub {
     int bus = 1;
-    std::vector<Port> ports;
+    std::array<Port, 3> ports;
     bool working = false;  // its one worker is at a port (hub_event in drivers/usb/core/hub.c)
-    bool active = false;
-    int generation = 0;
     DevicePointer device;  // none for a root hub
 };
 
@@ -63,25 +92,28 @@ struct Event {
 
 class Kernel {
 public:
-    // What differs between systems; set before the first device is plugged in.
-    bool sendsBind = true;   // since 4.14: change, bind and unbind
-    bool hasDriver = false;  // ftdi_sio is loaded
-    std::size_t room = 3;    // how many events the socket's buffer holds
-    std::string nodes = "/dev/bus/usb/";
-    int occupied = 0;  // of each bus's device numbers, by devices that stay
+    Kernel();
 
-    // Puts the plug of `unit` into a port, or draws it.
-    void plug(Hub& hub, Port& port, Unit* unit);
-    void unplug(Hub& hub, Port& port);
+    // What differs between systems; set before the first device is plugged in.
+    bool sendsBind = true;  // since 4.14: change, bind and unbind
+    std::size_t room = 3;   // how many events the socket's buffer holds
+    bool showsTree = true;  // libusb finds the root hubs and what hangs below them
+    std::string nodes = "/dev/bus/usb/";
+
+    std::array<Hub, 3> hubs;             // two root hubs, and one at the first of them that stays
+    std::vector<DevicePointer> devices;  // in sysfs or on the way out of it
+    Time lastChange = 0;                 // when something last came, went or was told
+
+    // Puts the plug of `unit` into a port, or, if null, draws the one that is there.
+    void connect(Port& port, Unit* unit);
 
     // `udevadm trigger`: an event of every device.
-    void trigger(const std::string& action);
+    void trigger(const char* action);
     void otherEvents(std::uint32_t count);
 
     // USBDEVFS_RESET.
     void reset(const DevicePointer& device);
-    // USBDEVFS_DISCONNECT.
-    void detachDriver(const DevicePointer& device);
+
     // Waits, as the daemon, for the device's lock.
     static void lockDevice(const DevicePointer& device);
 
@@ -93,24 +125,18 @@ public:
     int receive(char* buffer, std::size_t size);
     void closeSocket();
 
-    std::vector<DevicePointer> devices;  // in sysfs or on the way out of it
-    Time lastChange = 0;                 // when a worker was last busy
-
 private:
     void work(Hub& hub);
-    void later(Hub& hub, Time delay, std::function<void()> what) const;
-    void depart(const DevicePointer& device, Hub& hub, const std::function<void()>& next);
-    void departAtOnce(const DevicePointer& device);
-    void debounce(Hub& hub, Port& port);
-    void enumerate(Hub& hub, Port& port);
-    void configure(Hub& hub, Port& port);
-    void done(Hub& hub);
+    void depart(Port& port);
+    void debounce(Port& port);
+    void enumerate(Port& port);
+    void configure(Port& port);
     int chooseNumber(int bus);
 
-    void send(const DevicePointer& device, const char* action);
-    void sendOfInterface(const Device& device, const char* action);
-    void sendOfDriver(const Device& device, bool comes);
-    void broadcast(Event event);
+    void send(const DevicePointer& device, const std::string& action);
+    void sendOfPart(const std::string& path, const std::string& action, const std::string& entry);
+    void sendOfInterface(const Device& device, const std::string& action);
+    void broadcast(const Event& event);
 
     std::deque<Event> queue;
     bool congested = false;
@@ -118,4 +144,4 @@ private:
     int nextNumber[3] = {2, 2, 2};
 };
 
-extern Kernel* kernel;
+extern Kernel kernel;

@@ -1,67 +1,67 @@
-#include "rules.h"
-
 #include <algorithm>
 
 #include "alarmmask.h"
-#include "files.h"
+#include "life.h"
 #include "logger.h"
 
-Rules* rules = nullptr;
+Rules rules;
 
 namespace {
 
 constexpr int maxTries = 3;
-constexpr int maxChipRefusals = maxTries + 1;  // a list may name it when it is gone
-constexpr Time firstHour = 3600 * second;
-constexpr long someBlocks = 100;
-constexpr long mostCalls = 20'000;
 constexpr int mostSearches = 8;
+
+// The units that the rules do not give to the daemon: a second good one, and one whose reported
+// opening failed. One that came unheard is looked for until it has been tried three times.
+bool isExcused(const Device& device) {
+    return device.second || device.spoilt >= (device.heard || device.atStart ? 1 : maxTries);
+}
 
 }  // namespace
 
-bool Rules::spoil(const std::string& call) {
-    const auto found = spoils.find(call);
-    if (found == spoils.end() || found->second == 0) return false;
-    --found->second;
-    world->note("        %s fails", call.c_str());
-    return true;
-}
-
 void Rules::started() {
     socket = true;
-    stoppedInWait = false;
+    stoppedInWait = countsLines = false;
     searches = 1;
-    chipRefusals = 0;
-    for (const DevicePointer& device : kernel->devices) {
+    for (const DevicePointer& device : kernel.devices) {
         device->heard = device->eventsLost = device->triggered = device->second = false;
         device->tries = device->spoilt = device->served = 0;
         device->atStart = true;
-        if (device->unit->release != 0x0600) chipRefusals += maxChipRefusals;
     }
-    countsLines = false;
 }
 
 void Rules::ended() {
-    if (open) world->fail("a unit is left open");
-    for (const DevicePointer& device : kernel->devices) {
+    if (process.socketOpen || process.fileOpen) world.fail("a file is left open");
+    if (process.lists != 0) world.fail("a list is not freed");
+    if (open) world.fail("a unit is left open");
+    for (const DevicePointer& device : kernel.devices) {
         const Unit& unit = *device->unit;
-        if (device->inSysfs && device->attached && unit.driven && unit.refusesUntil < world->now &&
+        if (device->inSysfs && device->attached && unit.driven && unit.refusesUntil < world.now &&
             device->served > 0 && device->spoilt == 0)
-            world->fail("the outputs are left driven");
+            world.fail("the outputs are left driven");
     }
-    if (blocksAtEnd < 0) blocksAtEnd = daemonBlocks;
-    if (daemonBlocks != blocksAtEnd) world->fail("memory leaks: %ld blocks", daemonBlocks);
+}
+
+void Rules::logged(const std::string& format, const std::string& line) {
+    if (format == "device is not 'usb_device'" || format == "can't get device node path" ||
+        format == "udev: FTDI USB device (%s) removed" || format == "USB device VID/PID: %s:%s") {
+        ++lines;
+    } else if (format == "FTDI device is not compatible") {
+        ++searches;
+    } else if (format == "USB device %s is still attached after '%s'") {
+        const std::string node = line.substr(11, 7);
+        if (!kernel.find(node)) world.fail("%s is said to be attached", node.c_str());
+    }
 }
 
 void Rules::attached(const DevicePointer& device) {
-    if (device->unit->isFt232() && device->unit->release != 0x0600) chipRefusals += maxChipRefusals;
-    device->atStart = !kernel->isBound;  // nobody was told of it
-    if (open && open->inSysfs) device->second = true;
+    device->atStart = !kernel.isBound;  // nobody was told of it
+    device->second = open && open->inSysfs;
 }
 
 void Rules::lost(const Event& event) {
     if (event.device) event.device->eventsLost = true;
-    for (const DevicePointer& device : kernel->devices) device->eventsLost = true;
+    for (const DevicePointer& device : kernel.devices) device->eventsLost = true;
 }
 
 void Rules::reportedLoss() {
@@ -75,7 +75,6 @@ void Rules::received(const Event& event) {
     if (event.action == "add") {
         event.device->heard = true;
         event.device->tries = 0;
-        if (event.device->unit->release != 0x0600) chipRefusals += maxChipRefusals;
         if (event.device->unit->isFt232()) ++searches;
     } else if (event.action != "remove" && event.device == open) {
         ++searches;
@@ -83,19 +82,17 @@ void Rules::received(const Event& event) {
 }
 
 void Rules::listing() {
-    ++listings;
-    if (stoppedInWait) world->fail("an opening begins after a stop");
+    if (stoppedInWait) world.fail("an opening begins after a stop");
     if (!socket) return;
     searches = std::min(searches, mostSearches) - 1;
-    if (searches < 0) world->fail("a search without a cause");
+    if (searches < 0) world.fail("a search without a cause");
 }
 
 void Rules::listingFailed() {
     searches += 2;
-    for (const DevicePointer& device : kernel->devices) {
+    for (const DevicePointer& device : kernel.devices) {
         device->tries = 0;
         ++device->spoilt;
-        if (device->unit->release != 0x0600) chipRefusals += maxChipRefusals;
     }
 }
 
@@ -105,13 +102,13 @@ void Rules::refused(const DevicePointer& device, bool spoilt) {
     // daemon could not know that the kernel was still at it.
     if (spoilt || !device->heard) ++device->spoilt;
     if (++device->tries > maxTries)
-        world->fail("%s is tried more than %d times", device->node().c_str(), maxTries);
+        world.fail("%s is tried more than %d times", device->node().c_str(), maxTries);
 }
 
 void Rules::opened(const DevicePointer& device) {
     open = device;
     pinsOfThisOpening = false;
-    for (const DevicePointer& other : kernel->devices) {
+    for (const DevicePointer& other : kernel.devices) {
         if (other != device && device->inSysfs) other->second = true;
     }
 }
@@ -121,77 +118,40 @@ void Rules::pinsSet() {
     pinsOfThisOpening = true;
     open->tries = 0;
     if (++open->served > 1 && !open->eventsLost && !open->triggered && open->spoilt == 0)
-        world->fail("%s is opened again", open->node().c_str());
-}
-
-void Rules::called() {
-    if (world->now / second != callsSecond) calls = 0;
-    callsSecond = world->now / second;
-    if (++calls > mostCalls) world->fail("it is busy: %ld calls in a second", calls);
-}
-
-void Rules::logged(const std::string& format, const std::string& line) {
-    if (format == "device is not 'usb_device'" || format == "can't get device node path" ||
-        format == "udev: FTDI USB device (%s) removed" || format == "USB device VID/PID: %s:%s") {
-        ++lines;
-    } else if (format == "FTDI device is not compatible") {
-        ++searches;
-        if (--chipRefusals < 0) world->fail("a device with another chip is tried too often");
-    } else if (format == "USB device %s is still attached after '%s'") {
-        const std::string node = line.substr(11, 7);
-        if (!kernel->find(node)) world->fail("%s is said to be attached", node.c_str());
-    }
-}
-
-bool Rules::isExcused(const Device& device) {
-    // A second good one, and one whose reported opening failed. One that came unheard is looked
-    // for until it has been tried three times.
-    return device.second || device.spoilt >= (device.heard || device.atStart ? 1 : maxTries);
+        world.fail("%s is opened again", open->node().c_str());
 }
 
 void Rules::checkUnits() const {
-    if (open && !open->inSysfs) world->fail("%s is held open, and gone", open->node().c_str());
-    if (open && !open->unit->isGood()) world->fail("%s is held open", open->node().c_str());
-    for (const DevicePointer& device : kernel->devices) {
-        if (!device->unit->isGood() || !device->configured || isExcused(*device)) continue;
+    if (open && !open->inSysfs) world.fail("%s is held open, and gone", open->node().c_str());
+    if (open && !open->unit->isGood()) world.fail("%s is held open", open->node().c_str());
+    for (const DevicePointer& device : kernel.devices) {
+        const Unit& unit = *device->unit;
+        if (!unit.isGood() || !device->configured || isExcused(*device)) continue;
         if (device != open) {
-            world->fail("%s is not open", device->node().c_str());
+            world.fail("%s is not open", device->node().c_str());
             continue;
         }
         unsigned shown = 0;
         for (unsigned mask = 0; mask < 3; ++mask) {
-            if (device->unit->driven && device->unit->levels == pinValues[mask]) shown = 1U << mask;
+            if (unit.driven && unit.levels == pinValues[mask]) shown = 1U << mask;
         }
-        if ((shown & files->shown) == 0 && !device->doubtful) {
-            world->fail("%s shows %u, the file %u (a bit for each mask)", device->node().c_str(),
-                        shown, files->shown);
-        }
+        if ((shown & files.shown) == 0 && !device->doubtful)
+            world.fail("%s shows %u, the file %u (a bit for each mask)", device->node().c_str(),
+                       shown, files.shown);
     }
 }
 
 void Rules::calm() {
     checkUnits();
-    const int level = files->overlayLevel < 0 ? files->primaryLevel : files->overlayLevel;
-    if (open && SysLog::instance()->debugLevel != level)
-        world->fail("the debug level is not %d", level);
-    if (countsLines && lines != events) world->fail("%ld lines of %ld datagrams", lines, events);
-    const auto seconds = static_cast<long>((world->now - countedSince) / second);
-    if (cycles > seconds + events + losses + 5)
-        world->fail("%ld cycles in %ld s with %ld events", cycles, seconds, events);
-    if (waits > 4 * (seconds + 5) + 12 * (events + losses))
-        world->fail("%ld waits in %ld s with %ld events", waits, seconds, events);
-    if (!socket && listings > seconds + 5) world->fail("%ld searches in %ld s", listings, seconds);
-    if (world->now < firstHour)
-        mostBlocks = std::max(mostBlocks, daemonBlocks);
-    else if (daemonBlocks > mostBlocks + someBlocks)
-        world->fail("memory: %ld blocks, %ld in the first hour", daemonBlocks, mostBlocks);
-    beginCount();
-    if (open) files->written = files->shown;
-}
-
-void Rules::beginCount() {
+    if (open && SysLog::instance()->debugLevel != files.level)
+        world.fail("the debug level is not %d", files.level);
+    if (countsLines && lines != events) world.fail("%ld lines of %ld datagrams", lines, events);
+    const auto seconds = static_cast<long>((world.now - countedSince) / second);
+    if (calls > 200 * (seconds + 5) + 100 * (events + losses))
+        world.fail("it is busy: %ld calls in %ld s with %ld events", calls, seconds, events);
     searches = 0;
+    events = losses = lines = calls = 0;
     countsLines = SysLog::instance()->debugLevel >= 2;
-    events = losses = lines = cycles = waits = listings = 0;
-    countedSince = world->now;
+    countedSince = world.now;
+    if (open) files.written = files.shown;
 }
