@@ -30,7 +30,6 @@ Unit& good = units[0];
 std::uint32_t unitCount = 7;  // and eight in some worlds
 
 Time started = 0;  // of the daemon
-int starts = 0;
 bool running = false;
 bool ending = false;
 
@@ -106,8 +105,8 @@ void lockAlarms() {
 void stopDaemon() {
     if (!running || process.pendingSignal != 0) return;
     process.pendingSignal = stopSignals[world.random(3)];
-    world.after(stopTime, [run = starts] {
-        if (running && starts == run) world.fail("a stop is not honoured");
+    world.after(stopTime, [run = started] {
+        if (running && started == run) world.fail("a stop is not honoured");
     });
 }
 
@@ -131,8 +130,7 @@ const struct Fault {
      }},
     {"trigger", 1,
      [] {
-         static const char* const actions[] = {"change", "change", "bind", "unbind", "add"};
-         kernel.trigger(actions[world.random(5)]);
+         kernel.trigger(world.once(3) ? "add" : world.once(3) ? "unbind" : "change");
      }},
     {"requests are refused", 1,
      [] { good.refusesUntil = world.now + world.between(millisecond, 6 * second); }},
@@ -142,7 +140,7 @@ const struct Fault {
     {"alarms file removed", 1,
      [] {
          files.write(files.alarms, "");
-         files.alarms.exists = false;
+         files.alarms.time = 0;
          files.shown = files.written | 1;
      }},
     {"alarms file locked", 1, lockAlarms},
@@ -219,7 +217,6 @@ void runDaemon() {
     rules.started();
     started = world.now;
     running = true;
-    ++starts;
     DaemonState::running = DaemonState::stopRequested = 0;
     DaemonState::settings.~IniFile();
     new (&DaemonState::settings) IniFile(settingsPath, settingsOverlayPath);
@@ -237,14 +234,14 @@ void runDaemon() {
 
 // Not in order: any other time is another version.
 void Files::write(File& file, const std::string& text) {
-    file.exists = true;
     file.text = text;
     file.time = 1'000'000'000 + static_cast<std::time_t>(++versions * 7919U % 10'000'000U);
     lastChange = world.now;
 }
 
 void live(std::uint64_t seed, long hours) {
-    world.begin(seed);
+    worldBegan = true;
+    world.seed = world.state = seed;
     buildWorld();
     if (world.once(2)) plug(good);
     world.after(world.between(0, 500 * millisecond), storm);
