@@ -103,14 +103,13 @@ void Kernel::debounce(Port& port) {
 // choose_devnum: the next free one, from the beginning again after 127.
 int Kernel::chooseNumber(int bus) {
     const auto isTaken = [&](int number) {
-        return number < 2 ||
-               std::any_of(devices.begin(), devices.end(), [&](const DevicePointer& device) {
-                   return device->port->hub->bus == bus && device->number == number;
-               });
+        return std::any_of(devices.begin(), devices.end(), [&](const DevicePointer& device) {
+            return device->port->hub->bus == bus && device->number == number;
+        });
     };
     int& next = nextNumber[bus];
-    while (isTaken(next)) next = next >= lastNumber ? 1 : next + 1;
-    return std::exchange(next, next >= lastNumber ? 1 : next + 1);
+    while (isTaken(next)) next = next >= lastNumber ? 2 : next + 1;
+    return std::exchange(next, next >= lastNumber ? 2 : next + 1);
 }
 
 // usb_new_device. device_add makes attributes and node and sends `add`; the driver's probe, which
@@ -199,7 +198,6 @@ void Kernel::sendOfInterface(const Device& device, const std::string& action) {
     broadcast(action, device.port->path + "/interface", "DEVTYPE=usb_interface");
 }
 
-// Documentation/ABI/testing/sysfs-uevent has the entries.
 // netlink_broadcast_deliver and netlink_overrun: what does not fit is dropped, which the socket
 // reports once, and so is all that comes until the queue has been read empty (netlink_rcv_wake).
 void Kernel::broadcast(const std::string& action, const std::string& path,

@@ -34,12 +34,10 @@ struct Unit {
     }
 };
 
-struct Port;
-
 // One attachment of a unit, as the kernel has it.
 struct Device {
     Unit* unit = nullptr;
-    Port* port = nullptr;
+    struct Port* port = nullptr;
     int number = 0;
     bool inSysfs = true;      // attributes and device node are there
     bool attached = true;     // on the wire: it answers
@@ -65,10 +63,8 @@ struct Device {
 };
 using DevicePointer = std::shared_ptr<Device>;
 
-struct Hub;
-
 struct Port {
-    Hub* hub = nullptr;
+    struct Hub* hub = nullptr;
     std::string path;  // DEVPATH
     Unit* unit = nullptr;
     DevicePointer device;
@@ -83,9 +79,8 @@ struct Hub {
     DevicePointer device;  // none for a root hub
 };
 
-// A uevent in the socket's queue.
-struct Event {
-    std::string text;
+struct Event {         // Documentation/ABI/testing/sysfs-uevent
+    std::string text;  // as the socket gives it
     std::string action;
     DevicePointer device;  // null unless it is one of a USB device
 };

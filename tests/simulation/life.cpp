@@ -33,10 +33,10 @@ Time started = 0;  // of the daemon
 bool running = false;
 bool ending = false;
 
+Time soon() { return world.now + world.between(millisecond, 6 * second); }
 Unit& anyOther() { return units[1 + world.random(unitCount - 1)]; }
 Unit& anyUnit() { return world.once(2) ? anyOther() : good; }
 
-// Where it is plugged in; null if it is not.
 Port* portOf(const Unit& unit) {
     for (Hub& hub : kernel.hubs) {
         for (Port& port : hub.ports) {
@@ -47,12 +47,8 @@ Port* portOf(const Unit& unit) {
 }
 
 void plug(Unit& unit) {
-    if (portOf(unit)) return;
-    Port* port = nullptr;
-    do {
-        port = &kernel.hubs[world.random(3)].ports[world.random(3)];
-    } while (port->unit);
-    kernel.connect(*port, &unit);
+    Port& port = kernel.hubs[world.random(3)].ports[world.random(3)];
+    if (!portOf(unit)) port.unit ? plug(unit) : kernel.connect(port, &unit);
 }
 
 void plugOrDraw(Unit& unit) {
@@ -60,7 +56,6 @@ void plugOrDraw(Unit& unit) {
     port ? kernel.connect(*port, nullptr) : plug(unit);
 }
 
-// A loose contact.
 void bounce(Unit& unit) {
     Port* port = portOf(unit);
     if (!port) return plug(unit);
@@ -71,8 +66,8 @@ void bounce(Unit& unit) {
 }
 
 // SIGSTOP, and more events than the socket holds.
-void stopProcess(Time least, Time most) {
-    world.stoppedUntil = world.now + world.between(least, most);
+void stopProcess() {
+    world.stoppedUntil = world.now + world.between(0, 5 * second);
     kernel.otherEvents(world.random(9));
 }
 
@@ -132,10 +127,8 @@ const struct Fault {
      [] {
          kernel.trigger(world.once(3) ? "add" : world.once(3) ? "unbind" : "change");
      }},
-    {"requests are refused", 1,
-     [] { good.refusesUntil = world.now + world.between(millisecond, 6 * second); }},
-    {"pins read otherwise", 1,
-     [] { good.stuckUntil = world.now + world.between(millisecond, 6 * second); }},
+    {"requests are refused", 1, [] { good.refusesUntil = soon(); }},
+    {"pins read otherwise", 1, [] { good.stuckUntil = soon(); }},
     {"alarms written", 2, writeAlarms},
     {"alarms file removed", 1,
      [] {
@@ -147,10 +140,10 @@ const struct Fault {
     {"settings written", 1, writeSettings},
     {"a call fails", 2, failCall},
     {"other events", 1, [] { kernel.otherEvents(1 + world.random(8)); }},
-    {"process stopped", 2, [] { stopProcess(0, 5 * second); }},
+    {"process stopped", 2, stopProcess},
     {"the unit comes unheard", 1,
      [] {
-         stopProcess(second, 5 * second);
+         stopProcess();
          bounce(good);
      }},
     {"stop", 1, stopDaemon},
@@ -189,10 +182,7 @@ void check() {
         return;
     }
     rules.calm();
-    if (ending)
-        stopDaemon();
-    else
-        world.after(world.between(0, 30 * second), storm);
+    ending ? stopDaemon() : world.after(world.between(0, 30 * second), storm);
 }
 
 // What was put in ends; what happened stays as it is.

@@ -43,8 +43,6 @@ struct Process {
 struct Call {
     explicit Call(const char* name, Time least = microsecond, Time most = 20 * microsecond);
     ~Call();
-    Call(const Call&) = delete;
-    Call& operator=(const Call&) = delete;
 
     static int failure(int error);
 
@@ -65,7 +63,6 @@ struct Rules {
     long events = 0, losses = 0, lines = 0, calls = 0;  // since the last calm
     Time countedSince = 0;
 
-    // The daemon's process begins, or has ended in order.
     void started();
     void ended();
     void received(const Event& event);

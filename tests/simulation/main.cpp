@@ -24,8 +24,7 @@ int main(int count, char* arguments[]) {
     // A process for each life, and one at a time for each processor.
     bool failed = false;
     long left = (options["--hours"] + life - 1) / life;
-    unsigned running = 0;
-    while (running > 0 || (left > 0 && !failed)) {
+    for (unsigned running = 0; running > 0 || (left > 0 && !failed);) {
         if (left > 0 && !failed && running < std::thread::hardware_concurrency()) {
             if (fork() == 0) {
                 live(static_cast<std::uint64_t>(seed), life);

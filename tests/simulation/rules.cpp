@@ -11,12 +11,6 @@ namespace {
 constexpr int maxTries = 3;
 constexpr int mostSearches = 8;
 
-// The units that the rules do not give to the daemon: a second good one, and one whose reported
-// opening failed. One that came unheard is looked for until it has been tried three times.
-bool isExcused(const Device& device) {
-    return device.second || device.spoilt >= (device.heard || device.atStart ? 1 : maxTries);
-}
-
 }  // namespace
 
 void Rules::started() {
@@ -99,8 +93,13 @@ void Rules::calm() {
     if (open && !open->inSysfs) world.fail("%s is held open, and gone", open->node().c_str());
     if (open && !open->unit->isGood()) world.fail("%s is held open", open->node().c_str());
     for (const DevicePointer& device : kernel.devices) {
+        // Not those that the rules do not give to the daemon: a second good one, and one whose
+        // reported opening failed. One that came unheard is looked for until it has been tried
+        // three times.
         const Unit& unit = *device->unit;
-        if (!unit.isGood() || !device->configured || isExcused(*device)) continue;
+        if (!unit.isGood() || !device->configured || device->second) continue;
+        const int excuse = device->heard || device->atStart ? 1 : maxTries;
+        if (device->spoilt >= excuse) continue;
         if (device != open) world.fail("%s is not open", device->node().c_str());
         unsigned shown = 0;
         for (unsigned mask = 0; mask < 3; ++mask) {

@@ -1,5 +1,4 @@
-// The C library's calls that the daemon makes of the system. Each takes some time, in which the
-// world goes on.
+// The C library's calls that the daemon makes of the system.
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -43,7 +42,6 @@ const File* findFile(const std::string& path) {
     return path == "/tmp/orvel/data/alarms" && files.alarms.time != 0 ? &files.alarms : nullptr;
 }
 
-// The device of an attribute in sysfs.
 DevicePointer findDevice(const std::string& path) {
     const std::size_t slash = path.rfind('/');
     for (const DevicePointer& device : kernel.devices) {
