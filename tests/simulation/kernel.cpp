@@ -29,7 +29,7 @@ Time enumerationTime() {
 }  // namespace
 
 Kernel::Kernel() {
-    const char* const above[] = {"/devices/usb1/1-", "/devices/usb2/2-", "/devices/usb1/1-4/1-4."};
+    const char* const above[] = {"/devices/usb1/1-", "/devices/usb2/2-", "/devices/usb1/1-3/1-3."};
     for (std::size_t i = 0; i < hubs.size(); ++i) {
         hubs[i].bus = i == 1 ? 2 : 1;
         for (std::size_t port = 0; port < hubs[i].ports.size(); ++port) {
@@ -37,12 +37,10 @@ Kernel::Kernel() {
             hubs[i].ports[port].path = above[i] + std::to_string(port + 1);
         }
     }
-    hubs[2].device = std::make_shared<Device>();
-    hubs[2].device->unit = &stayingHub;
-    hubs[2].device->hub = &hubs[0];
-    hubs[2].device->number = 2;
-    hubs[2].device->path = "/devices/usb1/1-4";
-    devices.push_back(hubs[2].device);
+    Port& port = hubs[0].ports[2];
+    port.unit = &stayingHub;
+    port.device = hubs[2].device = std::make_shared<Device>(Device{&stayingHub, &port, 2});
+    devices.push_back(port.device);
 }
 
 void Kernel::connect(Port& port, Unit* unit) {
@@ -54,6 +52,13 @@ void Kernel::connect(Port& port, Unit* unit) {
     port.changed = true;
     port.since = lastChange = world.now;
     world.after(world.between(millisecond, 30 * millisecond), [=, &port] { work(*port.hub); });
+}
+
+std::string Device::busName() const { return "00" + std::to_string(port->hub->bus); }
+
+void Kernel::done(Hub& hub) {
+    hub.working = false;
+    work(hub);
 }
 
 // One worker for each hub, one port after the other (hub_event).
@@ -86,8 +91,7 @@ void Kernel::depart(Port& port) {
 // address, device descriptor.
 void Kernel::debounce(Port& port) {
     if (!port.unit) {
-        port.hub->working = false;
-        work(*port.hub);
+        done(*port.hub);
     } else if (world.now - port.since < debounceStable) {
         world.after(debounceStep, [=, &port] { debounce(port); });
     } else {
@@ -99,35 +103,26 @@ void Kernel::debounce(Port& port) {
 // choose_devnum: the next free one, from the beginning again after 127.
 int Kernel::chooseNumber(int bus) {
     const auto isTaken = [&](int number) {
-        return number < 2 ||
-               std::any_of(devices.begin(), devices.end(), [&](const DevicePointer& device) {
-                   return device->bus == bus && device->number == number;
-               });
+        return std::any_of(devices.begin(), devices.end(), [&](const DevicePointer& device) {
+            return device->port->hub->bus == bus && device->number == number;
+        });
     };
     int& next = nextNumber[bus];
-    while (isTaken(next)) next = next >= lastNumber ? 1 : next + 1;
-    return std::exchange(next, next >= lastNumber ? 1 : next + 1);
+    while (isTaken(next)) next = next >= lastNumber ? 2 : next + 1;
+    return std::exchange(next, next >= lastNumber ? 2 : next + 1);
 }
 
 // usb_new_device. device_add makes attributes and node and sends `add`; the driver's probe, which
 // holds the device's lock, begins after that.
 void Kernel::enumerate(Port& port) {
-    if (port.changed) {
-        port.hub->working = false;
-        return work(*port.hub);
-    }
-    const auto device = std::make_shared<Device>();
-    device->unit = port.unit;
-    device->hub = port.hub;
-    device->bus = port.hub->bus;
-    device->number = chooseNumber(device->bus);
-    device->path = port.path;
-    port.device = device;
+    if (port.changed) return done(*port.hub);
+    const DevicePointer device = port.device =
+        std::make_shared<Device>(Device{port.unit, &port, chooseNumber(port.hub->bus)});
     devices.push_back(device);
-    rules.attached(device);
+    device->atStart = !isBound;  // nobody is told of it
+    device->second = rules.open && (rules.open->inSysfs || rules.open->unit != port.unit);
     send(device, "add");
     const Time untilLocked = world.once(10) ? world.between(0, 3 * millisecond) : 0;
-    device->locked = untilLocked == 0;
     world.after(untilLocked, [=, &port] {
         device->locked = true;
         world.after(enumerationTime(), [=, &port] { configure(port); });
@@ -145,8 +140,7 @@ void Kernel::configure(Port& port) {
         world.after(shortTime(), [=, &port] {
             if (sendsBind) send(device, "bind");
             device->locked = false;
-            port.hub->working = false;
-            work(*port.hub);
+            done(*port.hub);
         });
     });
 }
@@ -188,52 +182,46 @@ void Kernel::trigger(const char* action) {
 }
 
 void Kernel::otherEvents(std::uint32_t count) {
-    while (count-- > 0) sendOfPart("/devices/virtual/tty/tty1", "change", "SUBSYSTEM=tty");
+    while (count-- > 0) broadcast("change", "/devices/virtual/tty/tty1", "SUBSYSTEM=tty");
 }
 
-// Documentation/ABI/testing/sysfs-uevent; usb_dev_uevent adds PRODUCT, TYPE, BUSNUM and DEVNUM.
+// usb_dev_uevent adds BUSNUM and DEVNUM.
 void Kernel::send(const DevicePointer& device, const std::string& action) {
-    std::string text = action + "@" + device->path;
-    for (const std::string& entry :
-         {"ACTION=" + action, "DEVPATH=" + device->path, std::string("SUBSYSTEM=usb"),
-          std::string("MAJOR=189"), "DEVNAME=bus/usb/" + device->node(),
-          std::string("DEVTYPE=usb_device"), std::string("PRODUCT=403/6001/600"),
-          std::string("TYPE=0/0/0"), "BUSNUM=" + device->busName(),
-          "DEVNUM=" + device->fileName()}) {
-        text += '\0' + entry;
-    }
     world.note("        %s of %s (%s)", action.c_str(), device->node().c_str(), device->unit->name);
-    broadcast({text + '\0', action, device});
-}
-
-void Kernel::sendOfPart(const std::string& path, const std::string& action,
-                        const std::string& entry) {
-    broadcast({action + "@" + path + '\0' + "ACTION=" + action + '\0' + "DEVPATH=" + path + '\0' +
-                   entry + '\0',
-               action, nullptr});
+    broadcast(action, device->port->path,
+              "DEVTYPE=usb_device" + ('\0' + ("BUSNUM=" + device->busName())) + '\0' +
+                  "DEVNUM=" + device->fileName(),
+              device);
 }
 
 void Kernel::sendOfInterface(const Device& device, const std::string& action) {
-    sendOfPart(device.path + "/interface", action, "DEVTYPE=usb_interface");
+    broadcast(action, device.port->path + "/interface", "DEVTYPE=usb_interface");
 }
 
 // netlink_broadcast_deliver and netlink_overrun: what does not fit is dropped, which the socket
 // reports once, and so is all that comes until the queue has been read empty (netlink_rcv_wake).
-void Kernel::broadcast(const Event& event) {
+void Kernel::broadcast(const std::string& action, const std::string& path,
+                       const std::string& entries, const DevicePointer& device) {
     lastChange = world.now;
     if (!isBound) return;
-    if (!congested && queue.size() < room) return queue.push_back(event);
+    if (!congested && queue.size() < room) {
+        queue.push_back({action + "@" + path + '\0' + "ACTION=" + action + '\0' +
+                             "DEVPATH=" + path + '\0' + "SUBSYSTEM=usb" + '\0' + entries + '\0',
+                         action, device});
+        return;
+    }
     if (!congested) world.note("        events are lost");
     error = error || !congested;
     congested = true;
-    rules.lost(event);
+    for (const DevicePointer& other : devices) other->eventsLost = true;
 }
 
 int Kernel::receive(char* buffer, std::size_t size) {
     // The error comes before what is queued (__skb_try_recv_datagram).
     int result = -1;
     if (std::exchange(error, false)) {
-        rules.reportedLoss();
+        ++rules.losses;
+        rules.searches += 2;
         errno = ENOBUFS;
     } else {
         const Event event = queue.front();

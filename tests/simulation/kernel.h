@@ -34,15 +34,11 @@ struct Unit {
     }
 };
 
-struct Hub;
-
 // One attachment of a unit, as the kernel has it.
 struct Device {
     Unit* unit = nullptr;
-    Hub* hub = nullptr;  // that it hangs on
-    int bus = 1;
+    struct Port* port = nullptr;
     int number = 0;
-    std::string path;         // DEVPATH
     bool inSysfs = true;      // attributes and device node are there
     bool attached = true;     // on the wire: it answers
     bool locked = false;      // its lock is held by the kernel
@@ -61,15 +57,15 @@ struct Device {
     // the one written before: so the pins may show it.
     bool doubtful = false;
 
-    std::string busName() const { return "00" + std::to_string(bus); }
+    std::string busName() const;  // three digits, as the next
     std::string fileName() const { return std::to_string(1000 + number).substr(1); }
     std::string node() const { return busName() + "/" + fileName(); }
 };
 using DevicePointer = std::shared_ptr<Device>;
 
 struct Port {
-    Hub* hub = nullptr;
-    std::string path;
+    struct Hub* hub = nullptr;
+    std::string path;  // DEVPATH
     Unit* unit = nullptr;
     DevicePointer device;
     bool changed = false;
@@ -83,9 +79,8 @@ struct Hub {
     DevicePointer device;  // none for a root hub
 };
 
-// A uevent in the socket's queue.
-struct Event {
-    std::string text;
+struct Event {         // Documentation/ABI/testing/sysfs-uevent
+    std::string text;  // as the socket gives it
     std::string action;
     DevicePointer device;  // null unless it is one of a USB device
 };
@@ -107,20 +102,16 @@ public:
     // Puts the plug of `unit` into a port, or, if null, draws the one that is there.
     void connect(Port& port, Unit* unit);
 
-    // `udevadm trigger`: an event of every device.
-    void trigger(const char* action);
+    void trigger(const char* action);  // `udevadm trigger`: an event of every device
     void otherEvents(std::uint32_t count);
 
-    // USBDEVFS_RESET.
+    // USBDEVFS_RESET; a wait of the daemon for the device's lock.
     void reset(const DevicePointer& device);
-
-    // Waits, as the daemon, for the device's lock.
     static void lockDevice(const DevicePointer& device);
 
     DevicePointer find(const std::string& node) const;
 
-    // The socket.
-    bool isBound = false;
+    bool isBound = false;  // the socket
     bool isReadable() const { return error || !queue.empty(); }
     int receive(char* buffer, std::size_t size);
     void closeSocket();
@@ -134,9 +125,10 @@ private:
     int chooseNumber(int bus);
 
     void send(const DevicePointer& device, const std::string& action);
-    void sendOfPart(const std::string& path, const std::string& action, const std::string& entry);
     void sendOfInterface(const Device& device, const std::string& action);
-    void broadcast(const Event& event);
+    void broadcast(const std::string& action, const std::string& path, const std::string& entries,
+                   const DevicePointer& device = nullptr);
+    void done(Hub& hub);
 
     std::deque<Event> queue;
     bool congested = false;

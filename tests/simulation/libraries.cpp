@@ -25,14 +25,11 @@ unsigned char buffer = 0;
 
 // usb_open opens the device node, which waits for the device's lock and fails for one that is not
 // attached (usbdev_open in drivers/usb/core/devio.c).
-DevicePointer openNode(const DevicePointer& device) {
-    if (!device || !device->inSysfs) return nullptr;
+DevicePointer openNode(const std::string& node) {
+    const DevicePointer device = kernel.find(node);
+    if (!device) return nullptr;
     Kernel::lockDevice(device);
     return device->attached && device->inSysfs ? device : nullptr;
-}
-
-DevicePointer openNode(const struct usb_device* record) {
-    return openNode(kernel.find(std::string(record->bus->dirname) + "/" + record->filename));
 }
 
 // A vendor request to the open unit.
@@ -41,24 +38,20 @@ bool request(const Call& call) {
     return !call.fails && rules.open->attached && rules.open->unit->refusesUntil <= world.now;
 }
 
-Record& addRecord(int bus) {
-    records.emplace_back();
-    records.back().device.bus = &buses[bus];
-    return records.back();
-}
-
 // Newest device first. Asks hubs for their ports, which makes a tree below the root hub.
 void findDevices() {
     records.clear();
     for (const int bus : {1, 2}) {
         std::snprintf(buses[bus].dirname, sizeof buses[bus].dirname, "00%d", bus);
-        Record& root = addRecord(bus);
+        Record& root = records.emplace_back();
+        root.device.bus = &buses[bus];
         buses[bus].root_dev = kernel.showsTree ? &root.device : nullptr;
     }
     const std::vector<DevicePointer> present(kernel.devices.rbegin(), kernel.devices.rend());
     for (const DevicePointer& device : present) {
-        if (!openNode(device)) continue;
-        Record& record = addRecord(device->bus);
+        if (!openNode(device->node())) continue;
+        Record& record = records.emplace_back();
+        record.device.bus = &buses[device->port->hub->bus];
         record.of = device;
         std::strcpy(record.device.filename, device->fileName().c_str());
         record.device.descriptor.bcdDevice = static_cast<std::uint16_t>(device->unit->release);
@@ -66,7 +59,7 @@ void findDevices() {
     for (Record& hub : records) {
         for (Record& record : records) {
             if (record.of && record.device.bus == hub.device.bus &&
-                record.of->hub->device == hub.of)
+                record.of->port->hub->device == hub.of)
                 hub.children.push_back(&record.device);
         }
         hub.device.num_children = static_cast<unsigned char>(hub.children.size());
@@ -79,14 +72,11 @@ void findDevices() {
 extern "C" {
 
 int ftdi_init(ftdi_context* context) {
-    const Call call("ftdi_init");
-    context->usb_dev = nullptr;
-    context->bitbang_enabled = 0;
-    context->readbuffer = &buffer;
+    *context = {};
     return 0;
 }
 
-void ftdi_deinit(ftdi_context* context) { context->readbuffer = nullptr; }
+void ftdi_deinit(ftdi_context*) {}
 
 char* ftdi_get_error_string(ftdi_context*) {
     static char reason[] = "reason";
@@ -97,7 +87,11 @@ int ftdi_usb_find_all(ftdi_context*, ftdi_device_list** list, int vendor, int pr
     rules.listing();
     const Call call("ftdi_usb_find_all", 200 * microsecond, 4 * millisecond);
     if (call.fails) {
-        rules.listingFailed();
+        rules.searches += 2;
+        for (const DevicePointer& device : kernel.devices) {
+            device->tries = 0;
+            ++device->spoilt;
+        }
         return -1;
     }
     findDevices();
@@ -126,7 +120,8 @@ void ftdi_list_free(ftdi_device_list** list) {
 int ftdi_usb_get_strings(ftdi_context*, struct usb_device* record, char*, int, char* product,
                          int size, char*, int) {
     const Call call("ftdi_usb_get_strings", millisecond, 12 * millisecond);
-    const DevicePointer device = openNode(record);
+    const DevicePointer device =
+        openNode(std::string(record->bus->dirname) + "/" + record->filename);
     if (!device) return -4;
     if (call.fails || !device->unit->answersStrings) {
         rules.refused(device, call.fails);
@@ -141,7 +136,8 @@ int ftdi_usb_get_strings(ftdi_context*, struct usb_device* record, char*, int, c
 int ftdi_usb_open_dev(ftdi_context* context, struct usb_device* record) {
     const Call call("ftdi_usb_open_dev", 100 * microsecond, millisecond);
     if (context->usb_dev || rules.open) world.fail("opened while a unit is open");
-    const DevicePointer device = openNode(record);
+    const DevicePointer device =
+        openNode(std::string(record->bus->dirname) + "/" + record->filename);
     if (!device) return -4;
     const bool canBeOpened = device->unit->canBeOpened && device->configured;
     world.pass(world.between(2 * millisecond, 30 * millisecond));
@@ -162,13 +158,12 @@ int ftdi_read_eeprom_location(ftdi_context*, int location, unsigned short* word)
         return -1;
     }
     *word = location == 10 ? rules.open->unit->eepromWord : 0;
-    if ((*word & 0xff) != 0xaa) rules.refused(rules.open, false);
+    (*word & 0xff) == 0xaa ? rules.accepted() : rules.refused(rules.open, false);
     return 0;
 }
 
 int ftdi_set_bitmode(ftdi_context* context, unsigned char mask, unsigned char mode) {
     const Call call("ftdi_set_bitmode", millisecond, 5 * millisecond);
-    rules.pinsSet();
     if (!request(call)) return -1;
     context->bitbang_enabled = 1;
     Unit& unit = *rules.open->unit;

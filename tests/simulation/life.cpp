@@ -30,14 +30,13 @@ Unit& good = units[0];
 std::uint32_t unitCount = 7;  // and eight in some worlds
 
 Time started = 0;  // of the daemon
-int starts = 0;
 bool running = false;
 bool ending = false;
 
+Time soon() { return world.now + world.between(millisecond, 6 * second); }
 Unit& anyOther() { return units[1 + world.random(unitCount - 1)]; }
 Unit& anyUnit() { return world.once(2) ? anyOther() : good; }
 
-// Where it is plugged in; null if it is not.
 Port* portOf(const Unit& unit) {
     for (Hub& hub : kernel.hubs) {
         for (Port& port : hub.ports) {
@@ -48,12 +47,8 @@ Port* portOf(const Unit& unit) {
 }
 
 void plug(Unit& unit) {
-    if (portOf(unit)) return;
-    Port* port = nullptr;
-    do {
-        port = &kernel.hubs[world.random(3)].ports[world.random(3)];
-    } while (port->unit);
-    kernel.connect(*port, &unit);
+    Port& port = kernel.hubs[world.random(3)].ports[world.random(3)];
+    if (!portOf(unit)) port.unit ? plug(unit) : kernel.connect(port, &unit);
 }
 
 void plugOrDraw(Unit& unit) {
@@ -61,7 +56,6 @@ void plugOrDraw(Unit& unit) {
     port ? kernel.connect(*port, nullptr) : plug(unit);
 }
 
-// A loose contact.
 void bounce(Unit& unit) {
     Port* port = portOf(unit);
     if (!port) return plug(unit);
@@ -72,8 +66,8 @@ void bounce(Unit& unit) {
 }
 
 // SIGSTOP, and more events than the socket holds.
-void stopProcess(Time least, Time most) {
-    world.stoppedUntil = world.now + world.between(least, most);
+void stopProcess() {
+    world.stoppedUntil = world.now + world.between(0, 5 * second);
     kernel.otherEvents(world.random(9));
 }
 
@@ -106,8 +100,8 @@ void lockAlarms() {
 void stopDaemon() {
     if (!running || process.pendingSignal != 0) return;
     process.pendingSignal = stopSignals[world.random(3)];
-    world.after(stopTime, [run = starts] {
-        if (running && starts == run) world.fail("a stop is not honoured");
+    world.after(stopTime, [run = started] {
+        if (running && started == run) world.fail("a stop is not honoured");
     });
 }
 
@@ -131,28 +125,25 @@ const struct Fault {
      }},
     {"trigger", 1,
      [] {
-         static const char* const actions[] = {"change", "change", "bind", "unbind", "add"};
-         kernel.trigger(actions[world.random(5)]);
+         kernel.trigger(world.once(3) ? "add" : world.once(3) ? "unbind" : "change");
      }},
-    {"requests are refused", 1,
-     [] { good.refusesUntil = world.now + world.between(millisecond, 6 * second); }},
-    {"pins read otherwise", 1,
-     [] { good.stuckUntil = world.now + world.between(millisecond, 6 * second); }},
+    {"requests are refused", 1, [] { good.refusesUntil = soon(); }},
+    {"pins read otherwise", 1, [] { good.stuckUntil = soon(); }},
     {"alarms written", 2, writeAlarms},
     {"alarms file removed", 1,
      [] {
          files.write(files.alarms, "");
-         files.alarms.exists = false;
+         files.alarms.time = 0;
          files.shown = files.written | 1;
      }},
     {"alarms file locked", 1, lockAlarms},
     {"settings written", 1, writeSettings},
     {"a call fails", 2, failCall},
     {"other events", 1, [] { kernel.otherEvents(1 + world.random(8)); }},
-    {"process stopped", 2, [] { stopProcess(0, 5 * second); }},
+    {"process stopped", 2, stopProcess},
     {"the unit comes unheard", 1,
      [] {
-         stopProcess(second, 5 * second);
+         stopProcess();
          bounce(good);
      }},
     {"stop", 1, stopDaemon},
@@ -191,10 +182,7 @@ void check() {
         return;
     }
     rules.calm();
-    if (ending)
-        stopDaemon();
-    else
-        world.after(world.between(0, 30 * second), storm);
+    ending ? stopDaemon() : world.after(world.between(0, 30 * second), storm);
 }
 
 // What was put in ends; what happened stays as it is.
@@ -219,7 +207,6 @@ void runDaemon() {
     rules.started();
     started = world.now;
     running = true;
-    ++starts;
     DaemonState::running = DaemonState::stopRequested = 0;
     DaemonState::settings.~IniFile();
     new (&DaemonState::settings) IniFile(settingsPath, settingsOverlayPath);
@@ -237,14 +224,14 @@ void runDaemon() {
 
 // Not in order: any other time is another version.
 void Files::write(File& file, const std::string& text) {
-    file.exists = true;
     file.text = text;
     file.time = 1'000'000'000 + static_cast<std::time_t>(++versions * 7919U % 10'000'000U);
     lastChange = world.now;
 }
 
 void live(std::uint64_t seed, long hours) {
-    world.begin(seed);
+    worldBegan = true;
+    world.seed = world.state = seed;
     buildWorld();
     if (world.once(2)) plug(good);
     world.after(world.between(0, 500 * millisecond), storm);

@@ -8,13 +8,11 @@
 
 // A regular file that others write. The daemon polls its time, so each version has another one.
 struct File {
-    bool exists = false;
     std::string text;
-    std::time_t time = 0;
-    bool locked = false;  // by a writer (flock(2))
+    std::time_t time = 0;  // 0: there is none
+    bool locked = false;   // by a writer (flock(2))
 };
 
-// The alarms file and the settings file.
 struct Files {
     File alarms;
     File settings;
@@ -36,10 +34,8 @@ struct Process {
     void (*handler)(int) = nullptr;
     bool socketOpen = false;
     bool fileOpen = false;
-    int lists = 0;  // elements of libftdi's lists that are not freed
-
-    // Calls the handler if a signal waits and is not blocked.
-    void deliver(bool inWait);
+    int lists = 0;              // elements of libftdi's lists that are not freed
+    void deliver(bool inWait);  // of the signal to the handler, unless blocked
 };
 
 // A call of the daemon. It takes so long, and a stop signal that comes meanwhile is handled before
@@ -47,8 +43,6 @@ struct Process {
 struct Call {
     explicit Call(const char* name, Time least = microsecond, Time most = 20 * microsecond);
     ~Call();
-    Call(const Call&) = delete;
-    Call& operator=(const Call&) = delete;
 
     static int failure(int error);
 
@@ -64,32 +58,24 @@ struct Rules {
     DevicePointer open;
     bool socket = true;  // the daemon has one
     bool stoppedInWait = false;
-    bool pinsOfThisOpening = false;
     int searches = 0;  // that have a cause
     bool countsLines = false;
     long events = 0, losses = 0, lines = 0, calls = 0;  // since the last calm
     Time countedSince = 0;
 
-    // The daemon's process begins, or has ended in order.
     void started();
     void ended();
+    void received(const Event& event);
     void logged(const std::string& format, const std::string& line);
 
-    void attached(const DevicePointer& device);
-    void lost(const Event& event);
-    void reportedLoss();
-    void received(const Event& event);
-
-    // A listing begins; it fails; a device of it is turned away, or opened; its pins are set.
+    // A listing begins; a device of it is turned away, or opened; the opened one is right.
     void listing();
-    void listingFailed();
     void refused(const DevicePointer& device, bool spoilt);
     void opened(const DevicePointer& device);
-    void pinsSet();
+    void accepted();
 
     // Nothing has happened for some time: what must be so now.
     void calm();
-    void checkUnits() const;
 };
 
 extern Files files;

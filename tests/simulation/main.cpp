@@ -2,36 +2,29 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <thread>
 
 #include "life.h"
 
 int main(int count, char* arguments[]) {
-    long hours = 20;
-    long life = 20;
-    long seed = 1;
+    std::map<std::string, long> options = {{"--hours", 20}, {"--life", 20}, {"--seed", 1}};
     for (int i = 1; i < count; i += 2) {
-        const std::string option = arguments[i];
-        if (i + 1 == count) return 2;
-        const long value = std::strtol(arguments[i + 1], nullptr, 10);
-        if (option == "--hours")
-            hours = value;
-        else if (option == "--life")
-            life = value;
-        else if (option == "--seed")
-            seed = value;
-        else if (option == "--only")
+        const auto option = options.find(arguments[i]);
+        const bool isOnly = arguments[i] == std::string("--only");
+        if (i + 1 == count || (option == options.end() && !isOnly)) return 2;
+        if (isOnly)
             world.onlyRule = arguments[i + 1];
         else
-            return 2;
+            option->second = std::strtol(arguments[i + 1], nullptr, 10);
     }
-    if (life <= 0) return 2;
+    const long life = std::max(options["--life"], 1L);
+    long seed = options["--seed"];
     // A process for each life, and one at a time for each processor.
     bool failed = false;
-    long left = (hours + life - 1) / life;
-    unsigned running = 0;
-    while (running > 0 || (left > 0 && !failed)) {
+    long left = (options["--hours"] + life - 1) / life;
+    for (unsigned running = 0; running > 0 || (left > 0 && !failed);) {
         if (left > 0 && !failed && running < std::thread::hardware_concurrency()) {
             if (fork() == 0) {
                 live(static_cast<std::uint64_t>(seed), life);

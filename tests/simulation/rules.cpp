@@ -11,12 +11,6 @@ namespace {
 constexpr int maxTries = 3;
 constexpr int mostSearches = 8;
 
-// The units that the rules do not give to the daemon: a second good one, and one whose reported
-// opening failed. One that came unheard is looked for until it has been tried three times.
-bool isExcused(const Device& device) {
-    return device.second || device.spoilt >= (device.heard || device.atStart ? 1 : maxTries);
-}
-
 }  // namespace
 
 void Rules::started() {
@@ -54,21 +48,6 @@ void Rules::logged(const std::string& format, const std::string& line) {
     }
 }
 
-void Rules::attached(const DevicePointer& device) {
-    device->atStart = !kernel.isBound;  // nobody was told of it
-    device->second = open && open->inSysfs;
-}
-
-void Rules::lost(const Event& event) {
-    if (event.device) event.device->eventsLost = true;
-    for (const DevicePointer& device : kernel.devices) device->eventsLost = true;
-}
-
-void Rules::reportedLoss() {
-    ++losses;
-    searches += 2;
-}
-
 void Rules::received(const Event& event) {
     ++events;
     if (!event.device) return;
@@ -88,14 +67,6 @@ void Rules::listing() {
     if (searches < 0) world.fail("a search without a cause");
 }
 
-void Rules::listingFailed() {
-    searches += 2;
-    for (const DevicePointer& device : kernel.devices) {
-        device->tries = 0;
-        ++device->spoilt;
-    }
-}
-
 void Rules::refused(const DevicePointer& device, bool spoilt) {
     ++searches;
     // It may be turned away for its own faults; a good one only by what was put in, or where the
@@ -107,42 +78,37 @@ void Rules::refused(const DevicePointer& device, bool spoilt) {
 
 void Rules::opened(const DevicePointer& device) {
     open = device;
-    pinsOfThisOpening = false;
     for (const DevicePointer& other : kernel.devices) {
         if (other != device && device->inSysfs) other->second = true;
     }
 }
 
-void Rules::pinsSet() {
-    if (!open || pinsOfThisOpening) return;
-    pinsOfThisOpening = true;
+void Rules::accepted() {
     open->tries = 0;
     if (++open->served > 1 && !open->eventsLost && !open->triggered && open->spoilt == 0)
         world.fail("%s is opened again", open->node().c_str());
 }
 
-void Rules::checkUnits() const {
+void Rules::calm() {
     if (open && !open->inSysfs) world.fail("%s is held open, and gone", open->node().c_str());
     if (open && !open->unit->isGood()) world.fail("%s is held open", open->node().c_str());
     for (const DevicePointer& device : kernel.devices) {
+        // Not those that the rules do not give to the daemon: a second good one, and one whose
+        // reported opening failed. One that came unheard is looked for until it has been tried
+        // three times.
         const Unit& unit = *device->unit;
-        if (!unit.isGood() || !device->configured || isExcused(*device)) continue;
-        if (device != open) {
-            world.fail("%s is not open", device->node().c_str());
-            continue;
-        }
+        if (!unit.isGood() || !device->configured || device->second) continue;
+        const int excuse = device->heard || device->atStart ? 1 : maxTries;
+        if (device->spoilt >= excuse) continue;
+        if (device != open) world.fail("%s is not open", device->node().c_str());
         unsigned shown = 0;
         for (unsigned mask = 0; mask < 3; ++mask) {
             if (unit.driven && unit.levels == pinValues[mask]) shown = 1U << mask;
         }
-        if ((shown & files.shown) == 0 && !device->doubtful)
+        if (device == open && (shown & files.shown) == 0 && !device->doubtful)
             world.fail("%s shows %u, the file %u (a bit for each mask)", device->node().c_str(),
                        shown, files.shown);
     }
-}
-
-void Rules::calm() {
-    checkUnits();
     if (open && SysLog::instance()->debugLevel != files.level)
         world.fail("the debug level is not %d", files.level);
     if (countsLines && lines != events) world.fail("%ld lines of %ld datagrams", lines, events);

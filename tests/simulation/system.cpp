@@ -1,5 +1,4 @@
-// The C library's calls that the daemon makes of the system. Each takes some time, in which the
-// world goes on.
+// The C library's calls that the daemon makes of the system.
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -39,17 +38,15 @@ struct OpenFile {
 } opened;
 
 const File* findFile(const std::string& path) {
-    const File* file = path == settingsPath               ? &files.settings
-                       : path == "/tmp/orvel/data/alarms" ? &files.alarms
-                                                          : nullptr;
-    return file && file->exists ? file : nullptr;
+    if (path == settingsPath) return &files.settings;
+    return path == "/tmp/orvel/data/alarms" && files.alarms.time != 0 ? &files.alarms : nullptr;
 }
 
-// The device of an attribute in sysfs.
 DevicePointer findDevice(const std::string& path) {
     const std::size_t slash = path.rfind('/');
     for (const DevicePointer& device : kernel.devices) {
-        if (device->inSysfs && path.compare(0, slash, "/sys" + device->path) == 0) return device;
+        if (device->inSysfs && path.compare(0, slash, "/sys" + device->port->path) == 0)
+            return device;
     }
     return nullptr;
 }
@@ -78,10 +75,9 @@ ssize_t readFile(const Call& call, char* buffer, size_t size) {
             opened.text = opened.device->configured ? "1\n" : "";
         } else {
             const Unit& unit = *opened.device->unit;
+            const int id = opened.name == "idVendor" ? unit.vendor : unit.product;
             char text[8];
-            std::snprintf(
-                text, sizeof text, "%04x\n",
-                static_cast<unsigned>(opened.name == "idVendor" ? unit.vendor : unit.product));
+            std::snprintf(text, sizeof text, "%04x\n", static_cast<unsigned>(id));
             opened.text = text;
         }
         if (opened.device && !opened.device->inSysfs) return Call::failure(ENODEV);

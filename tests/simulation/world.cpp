@@ -22,12 +22,6 @@ std::string format(Time now, const char* text, va_list arguments) {
 
 }  // namespace
 
-void World::begin(std::uint64_t ownSeed) {
-    worldBegan = true;
-    seed = ownSeed;
-    state = seed * 0x9e3779b97f4a7c15 + 1;
-}
-
 std::uint32_t World::random(std::uint32_t count) {
     // splitmix64
     std::uint64_t z = (state += 0x9e3779b97f4a7c15);

@@ -18,8 +18,8 @@ constexpr Time never = INT64_MAX;
 // has happened. One seed makes one world; a process lives in one only.
 class World {
 public:
-    void begin(std::uint64_t ownSeed);
-
+    std::uint64_t seed = 0;
+    std::uint64_t state = 0;  // of chance; the seed to begin with
     Time now = 0;
     Time stoppedUntil = 0;  // SIGSTOP: the daemon's next call returns only then (signal(7))
 
@@ -28,7 +28,6 @@ public:
     bool once(std::uint32_t count) { return random(count) == 0; }
     Time between(Time least, Time most) { return least + (most - least) / 4096 * random(4096); }
 
-    // Lets something happen so much later.
     void after(Time delay, const std::function<void()>& what) { events.emplace(now + delay, what); }
 
     // The daemon is busy, and the world goes on, for so long.
@@ -37,7 +36,6 @@ public:
     // The daemon sleeps until the condition is met, or the time is up.
     void wait(const std::function<bool()>& condition, Time duration = never);
 
-    // A line of the history.
     void note(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
     // A rule is broken: prints seed, time, rule and the last lines, and ends the process with 1.
@@ -48,8 +46,6 @@ public:
 private:
     bool step(Time end);
 
-    std::uint64_t seed = 0;
-    std::uint64_t state = 0;
     std::multimap<Time, std::function<void()>> events;
     std::deque<std::string> history;
 };
