@@ -47,12 +47,13 @@ struct Device {
     // What the rules count of it, since it was attached and the daemon started.
     bool heard = false;  // its `add` was received
     bool eventsLost = false;
-    bool triggered = false;  // an event that tells nothing new was made of it
-    bool atStart = false;    // it was there when the daemon started
-    bool second = false;     // another good unit was open meanwhile
-    int tries = 0;           // refused openings
-    int spoilt = 0;          // of these, by a fault that was put in
-    int served = 0;          // openings that got as far as the pins
+    bool triggered = false;     // an event that tells nothing new was made of it
+    bool atStart = false;       // it was there when the daemon started
+    bool second = false;        // another good unit was open meanwhile
+    int tries = 0;              // refused openings
+    int spoilt = 0;             // of these, by a fault that was put in
+    int served = 0;             // openings that got as far as the pins
+    bool drivenBefore = false;  // its outputs, by an earlier daemon that could not let go of them
     // A value that the unit took but that did not read back stays when the alarm state returns to
     // the one written before: so the pins may show it.
     bool doubtful = false;

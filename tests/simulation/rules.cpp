@@ -21,6 +21,7 @@ void Rules::started() {
         device->heard = device->eventsLost = device->triggered = device->second = false;
         device->tries = device->spoilt = device->served = 0;
         device->atStart = true;
+        device->drivenBefore = device->unit->driven;
     }
 }
 
@@ -31,7 +32,7 @@ void Rules::ended() {
     for (const DevicePointer& device : kernel.devices) {
         const Unit& unit = *device->unit;
         if (device->inSysfs && device->attached && unit.driven && unit.refusesUntil < world.now &&
-            device->served > 0 && device->spoilt == 0)
+            device->served > 0 && device->spoilt == 0 && !device->drivenBefore)
             world.fail("the outputs are left driven");
     }
 }
