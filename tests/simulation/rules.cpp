@@ -116,7 +116,6 @@ void Rules::calm() {
     const auto seconds = static_cast<long>((world.now - countedSince) / second);
     if (calls > 200 * (seconds + 5) + 100 * (events + losses))
         world.fail("it is busy: %ld calls in %ld s with %ld events", calls, seconds, events);
-    searches = 0;
     events = losses = lines = calls = 0;
     countsLines = SysLog::instance()->debugLevel >= 2;
     countedSince = world.now;
