@@ -92,7 +92,9 @@ void Rules::accepted() {
 
 void Rules::calm() {
     if (open && !open->inSysfs) world.fail("%s is held open, and gone", open->node().c_str());
-    if (open && !open->unit->isGood()) world.fail("%s is held open", open->node().c_str());
+    // While it is looked at, a refused one is open too.
+    if (open && open->served > 0 && !open->unit->isGood())
+        world.fail("%s is held open", open->node().c_str());
     for (const DevicePointer& device : kernel.devices) {
         // Not those that the rules do not give to the daemon: a second good one, and one whose
         // reported opening failed. One that came unheard is looked for until it has been tried
