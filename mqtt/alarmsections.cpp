@@ -7,7 +7,9 @@
 IniFile::Sections sectionsOf(const RetainedAlarms::Alarms& alarms, const std::string& prefix) {
     IniFile::Sections sections;
     for (const auto& [name, alarm] : alarms) {
-        sections[prefix + "/" + name][alarm.key] = alarm.text;
+        std::string section = prefix;
+        section.append("/").append(name);
+        sections[section][alarm.key] = alarm.text;
     }
     return sections;
 }
