@@ -8,6 +8,8 @@ add_compile_options(-fstack-protector-strong -fstack-clash-protection -Wformat-s
     # Works, and is not warned of, only where the compiler optimises.
     $<$<CONFIG:RelWithDebInfo>:-U_FORTIFY_SOURCE> $<$<CONFIG:RelWithDebInfo>:-D_FORTIFY_SOURCE=2>)
 add_link_options(-Wl,-z,relro -Wl,-z,now)
+# It would depend on where the debug information was made, which no package has.
+add_link_options(-Wl,--build-id=none)
 # Against forged jumps, by x86 and ARM. Not on 32 bits: Linux does not enforce it there, and some
 # processors know no endbr32.
 if(CMAKE_SIZEOF_VOID_P EQUAL 8)
