@@ -1,19 +1,18 @@
-// What loading a document costs, beside INIReader of libinih, and what reducing it to the alarm
-// mask costs: costs FOLDER [OPTION of Google Benchmark...], with the files that bench/run writes.
+// What loading a document costs, beside INIReader of libinih: costs FOLDER [OPTION of Google
+// Benchmark...], with the files that bench/run writes.
 
 #include <INIReader.h>
 #include <benchmark/benchmark.h>
 
 #include <string>
 
-#include "alarmmask.h"
+#include "inifile.h"
 
 namespace {
 
 // Functions of their own, so that their instructions can be told from those of the rest.
 __attribute__((noinline)) void loadIniFile(const std::string& path) { IniFile document(path); }
 __attribute__((noinline)) void loadIniReader(const std::string& path) { INIReader document(path); }
-__attribute__((noinline)) void evaluate(const IniFile& document) { evaluateAlarmMask(document); }
 
 }  // namespace
 
@@ -28,14 +27,6 @@ int main(int argc, char* argv[]) {
         benchmark::RegisterBenchmark(("IniFile" + name).c_str(), load, loadIniFile, folder + file);
         benchmark::RegisterBenchmark(("INIReader" + name).c_str(), load, loadIniReader,
                                      folder + file);
-    }
-    for (const char* sections : {"10", "1000", "100000"}) {
-        const auto reduce = [](benchmark::State& state, const std::string& path) {
-            const IniFile document(path);
-            for (auto turn : state) evaluate(document);
-        };
-        benchmark::RegisterBenchmark((std::string("evaluate/") + sections).c_str(), reduce,
-                                     folder + "sections-" + sections);
     }
     benchmark::RunSpecifiedBenchmarks();
     return 0;

@@ -35,17 +35,17 @@ listening() {
 stty -F /dev/ttyS2 raw -echo
 cat /dev/ttyS2 >/run/qmp &
 exec 9>/dev/ttyS2
-waitFor 60 negotiated
+await negotiated
 startInstallation
 startDaemon --ignore-sigpipe
 for arrival in 1 2 3; do
-    waitFor 60 listening
+    await listening
     qmp '{"execute": "device_add", "arguments": {"driver": "usb-serial", "id": "cable",
         "bus": "uhci.0", "port": "1.1", "chardev": "nothing", "always-plugged": true}}'
-    waitFor 60 found $arrival
-    waitFor 60 logged 'FTDI device is not compatible' $arrival
+    await found $arrival
+    await logged 'FTDI device is not compatible' $arrival
     qmp '{"execute": "device_del", "arguments": {"id": "cable"}}'
-    waitFor 60 unplugged
+    await unplugged
 done
-waitFor 60 listening
+await listening
 expect [ "$(timesFound)" -eq 3 ]

@@ -18,7 +18,7 @@ for rootHub in /sys/devices/platform/vhci_hcd.0/usb[0-9]*; do
     [ "$(cat "$rootHub/speed" 2>/dev/null)" != 480 ] || unitBus=${rootHub##*/usb}
 done
 limit=180 # seconds for what takes one or two on a machine that has the time
-late=0    # see becomesTrue
+late=0    # see await
 
 # ---- Waiting ----
 
@@ -36,30 +36,22 @@ if ! command -v usleep >/dev/null; then
     }
 fi
 
-# becomesTrue SECONDS COMMAND...: runs the command until it succeeds. False after SECONDS. Notes in
-# `late` how long it took at worst to look and to wake up again.
-becomesTrue() {
+# await COMMAND...: runs the command until it succeeds; the script fails when it has not after `limit`.
+# Notes in `late` how long it took at worst to look and to wake up again.
+await() {
     local end before
     uptimeCs
-    end=$((uptime + $1 * 100))
-    shift
+    end=$((uptime + limit * 100))
     until "$@"; do
-        [ "$uptime" -lt "$end" ] || return 1
+        [ "$uptime" -lt "$end" ] || {
+            fail "waited $limit seconds for: $*"
+            return 1
+        }
         before=$uptime
         usleep 10000
         uptimeCs
         [ "$late" -ge $((uptime - before)) ] || late=$((uptime - before))
     done
-}
-
-# waitFor SECONDS COMMAND...: the same, but the script fails when it stays false.
-waitFor() {
-    becomesTrue "$@" || fail "waited $1 seconds for: $(shift && echo "$*")"
-}
-
-# await COMMAND...: the same, up to `limit`.
-await() {
-    waitFor "$limit" "$@"
 }
 
 # expect COMMAND...: the script fails unless the command succeeds now.
@@ -162,11 +154,6 @@ logged() {
     [ "$(timesLogged "$1")" -ge "${2:-1}" ]
 }
 
-# expectLog TEXT [N]: waits for it.
-expectLog() {
-    await logged "$@"
-}
-
 # ---- Virtual units ----
 
 # startSim: tq5sim with no unit plugged. Its output goes to $simLog.
@@ -244,11 +231,6 @@ pinsOf() {
 # pinsAre UNIT VALUE: true if pinsOf UNIT is VALUE.
 pinsAre() {
     [ "$(pinsOf "$1")" = "$2" ]
-}
-
-# expectPins UNIT VALUE: waits for it.
-expectPins() {
-    await pinsAre "$1" "$2"
 }
 
 # sysfsOf UNIT: prints the unit's directory in sysfs, which exists while the kernel knows it.

@@ -21,7 +21,7 @@ alarmStep() {
 
 # seen VALUE: waits until the unit's pins have it and shows its lamps.
 seen() {
-    expectPins 0 "$1"
+    await pinsAre 0 "$1"
     uptimeCs
     printf '   %s   after %d.%02d s\n\n' "$(lampsOf 0 | drawLamps)" \
         $(((uptime - began) / 100)) $(((uptime - began) % 100))
@@ -71,7 +71,7 @@ ALARM2=too hot"
     stopDaemon TERM
     seen floating
     expect daemonEndedWith 0
-    expectLog "close FTDI device"
+    await logged "close FTDI device"
 
     echo "All $steps steps were seen at the unit."
     exit 0
