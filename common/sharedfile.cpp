@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstring>
 #include <ctime>
+#include <tuple>
 
 namespace {
 
@@ -48,10 +49,6 @@ bool copyAccessList(int from, int to) {
     const ssize_t length = fgetxattr(from, accessList, list, sizeof list);
     if (length < 0) return errno == ENODATA || errno == ENOTSUP;
     return fsetxattr(to, accessList, list, static_cast<std::size_t>(length), 0) == 0;
-}
-
-bool sameTime(const timespec& a, const timespec& b) {
-    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
 }
 
 }  // namespace
@@ -145,17 +142,16 @@ bool SharedFile::fillNew(int newFile, int oldFile, const std::string& text) cons
 }
 
 bool SharedFile::copyAttributes(int newFile, int oldFile) const {
-    const bool hasGroup = (folder.st_mode & S_ISGID) != 0;
-    if (oldFile < 0) {
+    if (oldFile < 0 && geteuid() == 0) {
         // Made by root, it is the directory owner's to change.
-        if (geteuid() == 0 && fchown(newFile, folder.st_uid, folder.st_gid) != 0) return false;
-        return !hasGroup || fchmod(newFile, folder.st_mode & noExecution) == 0;
+        if (fchown(newFile, folder.st_uid, folder.st_gid) != 0) return false;
     }
     const mode_t readersMore = folder.st_mode & ~found.st_mode & (S_IRGRP | S_IROTH);
-    if (hasGroup && found.st_gid == folder.st_gid && readersMore == 0) {
-        return fchown(newFile, static_cast<uid_t>(-1), folder.st_gid) == 0 &&
-               fchmod(newFile, folder.st_mode & noExecution) == 0;
+    const bool isGroups = found.st_gid == folder.st_gid && readersMore == 0;
+    if ((folder.st_mode & S_ISGID) != 0 && (oldFile < 0 || isGroups)) {
+        return fchmod(newFile, folder.st_mode & noExecution) == 0;
     }
+    if (oldFile < 0) return true;
     const bool owned = fchown(newFile, found.st_uid, found.st_gid) == 0;
     const bool grouped = owned || fchown(newFile, static_cast<uid_t>(-1), found.st_gid) == 0;
     fremovexattr(newFile, accessList);  // the directory's default one
@@ -179,10 +175,12 @@ bool SharedFile::isUnchanged() const {
     if (fstatat(directory, name.c_str(), &now, AT_SYMLINK_NOFOLLOW) != 0) {
         return found.st_nlink == 0;
     }
-    return now.st_dev == found.st_dev && now.st_ino == found.st_ino &&
-           now.st_nlink == found.st_nlink && now.st_uid == found.st_uid &&
-           now.st_size == found.st_size && sameTime(now.st_mtim, found.st_mtim) &&
-           sameTime(now.st_ctim, found.st_ctim);
+    const auto state = [](const struct stat& file) {
+        return std::make_tuple(file.st_dev, file.st_ino, file.st_nlink, file.st_uid, file.st_size,
+                               file.st_mtim.tv_sec, file.st_mtim.tv_nsec, file.st_ctim.tv_sec,
+                               file.st_ctim.tv_nsec);
+    };
+    return state(now) == state(found);
 }
 
 SharedFile::Outcome SharedFile::fail(int error) {
