@@ -98,25 +98,25 @@ std::string fileOfSettings() {
     return alarmsPath(settings);
 }
 
-// The key of an alarm's name in any letter case, or null.
-const char* alarmKey(const std::string& name) {
+// The key that the word behind the section names, in any letter case, or null.
+const char* alarmKey(const std::vector<std::string>& words) {
     for (const char* key : alarmKeys) {
-        if (strcasecmp(key, name.c_str()) == 0) return key;
+        if (words.size() > 1 && strcasecmp(key, words[1].c_str()) == 0) return key;
     }
     return nullptr;
 }
 
-// Whether a text was meant for the name of an alarm: "alarm-2", "ALARM2:", or nothing but "2".
-bool isNearlyAlarm(const std::vector<std::string>& text) {
-    return strncasecmp(text[0].c_str(), "alarm", 5) == 0 ||
-           (text.size() == 1 && (text[0] == "1" || text[0] == "2"));
+// Whether that word was meant for one: "alarm-2", "ALARM2:", or nothing but "2".
+bool isNearlyAlarm(const std::vector<std::string>& words) {
+    return words.size() > 1 && (strncasecmp(words[1].c_str(), "alarm", 5) == 0 ||
+                                (words.size() == 2 && (words[1] == "1" || words[1] == "2")));
 }
 
 SharedFile::Edit raising(const std::vector<std::string>& words, bool verbatim) {
     if (words.empty() || words[0].empty()) failUsage("raise needs a section");
     const std::string& section = words[0];
-    const char* said = words.size() > 1 ? alarmKey(words[1]) : nullptr;
-    if (words.size() > 1 && !said && !verbatim && isNearlyAlarm({words.begin() + 1, words.end()})) {
+    const char* said = alarmKey(words);
+    if (!said && !verbatim && isNearlyAlarm(words)) {
         failUsage("the alarm is not ALARM1 or ALARM2; behind -- it is text");
     }
     const std::string key = said ? said : alarmKeys[0];
@@ -148,7 +148,7 @@ SharedFile::Edit raising(const std::vector<std::string>& words, bool verbatim) {
 }
 
 SharedFile::Edit clearing(const std::vector<std::string>& words, bool all) {
-    const char* key = words.size() > 1 ? alarmKey(words[1]) : nullptr;
+    const char* key = alarmKey(words);
     if (all ? !words.empty() : words.empty()) failUsage("clear needs a section or --all");
     if (words.size() > 2 || (words.size() == 2 && !key)) {
         failUsage("what follows the section is not ALARM1 or ALARM2");

@@ -13,7 +13,6 @@
 #include <cstdint>
 #include <cstring>
 #include <ctime>
-#include <tuple>
 
 namespace {
 
@@ -57,8 +56,6 @@ SharedFile::SharedFile(const std::string& filePath)
     : path(filePath), name(filePath.substr(filePath.rfind('/') + 1)) {}
 
 bool SharedFile::update(const Edit& edit) {
-    problem.clear();
-    status = 0;
     std::string folderPath = path.substr(0, path.size() - name.size());
     if (folderPath.empty()) folderPath = ".";
     const Descriptor opened(open(folderPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -175,12 +172,11 @@ bool SharedFile::isUnchanged() const {
     if (fstatat(directory, name.c_str(), &now, AT_SYMLINK_NOFOLLOW) != 0) {
         return found.st_nlink == 0;
     }
-    const auto state = [](const struct stat& file) {
-        return std::make_tuple(file.st_dev, file.st_ino, file.st_nlink, file.st_uid, file.st_size,
-                               file.st_mtim.tv_sec, file.st_mtim.tv_nsec, file.st_ctim.tv_sec,
-                               file.st_ctim.tv_nsec);
-    };
-    return state(now) == state(found);
+    // Of the times the one that nobody sets, and that every change sets.
+    return now.st_dev == found.st_dev && now.st_ino == found.st_ino &&
+           now.st_nlink == found.st_nlink && now.st_uid == found.st_uid &&
+           now.st_size == found.st_size && now.st_ctim.tv_sec == found.st_ctim.tv_sec &&
+           now.st_ctim.tv_nsec == found.st_ctim.tv_nsec;
 }
 
 SharedFile::Outcome SharedFile::fail(int error) {
