@@ -1,6 +1,5 @@
 #pragma once
 
-#include <functional>
 #include <string>
 
 #include "sharedfile.h"
@@ -10,4 +9,4 @@
 // hidden: then it tests nothing, or ends. Prints what it sees. `change` applies an edit to the
 // file, or ends the program. Returns a PluginStatus, or 128 and the signal that ended it.
 int lampTest(const std::string& path, unsigned seconds,
-             const std::function<void(const SharedFile::Edit&)>& change);
+             void (*change)(const std::string& path, const SharedFile::Edit& edit));

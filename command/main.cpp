@@ -22,7 +22,6 @@
 
 namespace {
 
-constexpr const char* alarmKeys[] = {"ALARM1", "ALARM2"};
 constexpr unsigned patienceSeconds = 60;
 // The daemon looks once a second; the rest is for its work in between.
 constexpr int waitMs = 1500;
@@ -49,23 +48,11 @@ constexpr const char* help =
 
 struct Options {
     const char* file = nullptr;
-    bool wait = false;
-    bool all = false;
-    bool quiet = false;
-    bool noWait = false;
     const char* timeout = nullptr;
-};
-
-constexpr option knownOptions[] = {
-    {"file", required_argument, nullptr, 'f'},
-    {"wait", no_argument, nullptr, 'w'},
-    {"all", no_argument, nullptr, 'a'},
-    {"quiet", no_argument, nullptr, 'q'},
-    {"no-wait", no_argument, nullptr, 'n'},
-    {"timeout", required_argument, nullptr, 't'},
-    {"help", no_argument, nullptr, 'h'},
-    {"version", no_argument, nullptr, 'v'},
-    {nullptr, 0, nullptr, 0},
+    int wait = 0;
+    int all = 0;
+    int quiet = 0;
+    int noWait = 0;
 };
 
 // Ends with `status`, or with EX_IOERR if standard output took not all that was printed.
@@ -76,37 +63,25 @@ constexpr option knownOptions[] = {
 
 // Reads all options. The other words are behind them in `argv` then, from optind on.
 void readOptions(int argc, char* argv[], Options& options) {
-    for (;;) {
-        switch (getopt_long(argc, argv, "", knownOptions, nullptr)) {
-            case -1:
-                return;
-            case 'f':
-                options.file = optarg;
-                break;
-            case 'w':
-                options.wait = true;
-                break;
-            case 'a':
-                options.all = true;
-                break;
-            case 'q':
-                options.quiet = true;
-                break;
-            case 'n':
-                options.noWait = true;
-                break;
-            case 't':
-                options.timeout = optarg;
-                break;
-            case 'h':
-                std::fputs(help, stdout);
-                finish(EX_OK);
-            case 'v':
-                std::puts("pinwatchd-alarm " PINWATCHD_VERSION);
-                finish(EX_OK);
-            default:  // getopt_long has said it
-                std::exit(EX_USAGE);
-        }
+    const option known[] = {
+        {"file", required_argument, nullptr, 'f'},
+        {"timeout", required_argument, nullptr, 't'},
+        {"wait", no_argument, &options.wait, 1},
+        {"all", no_argument, &options.all, 1},
+        {"quiet", no_argument, &options.quiet, 1},
+        {"no-wait", no_argument, &options.noWait, 1},
+        {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'v'},
+        {nullptr, 0, nullptr, 0},
+    };
+    for (int given = 0; given != -1;) {
+        given = getopt_long(argc, argv, "", known, nullptr);
+        if (given == 'f') options.file = optarg;
+        if (given == 't') options.timeout = optarg;
+        if (given == 'h') std::fputs(help, stdout);
+        if (given == 'v') std::puts("pinwatchd-alarm " PINWATCHD_VERSION);
+        if (given == 'h' || given == 'v') finish(EX_OK);
+        if (given == '?') std::exit(EX_USAGE);  // getopt_long has said it
     }
 }
 
@@ -123,25 +98,25 @@ std::string fileOfSettings() {
     return alarmsPath(settings);
 }
 
-// The key of an alarm's name in any letter case, or null.
-const char* alarmKey(const std::string& name) {
+// The key that the word behind the section names, in any letter case, or null.
+const char* alarmKey(const std::vector<std::string>& words) {
     for (const char* key : alarmKeys) {
-        if (strcasecmp(key, name.c_str()) == 0) return key;
+        if (words.size() > 1 && strcasecmp(key, words[1].c_str()) == 0) return key;
     }
     return nullptr;
 }
 
-// Whether a text was meant for the name of an alarm: "alarm-2", "ALARM2:", or nothing but "2".
-bool isNearlyAlarm(const std::vector<std::string>& text) {
-    return strncasecmp(text[0].c_str(), "alarm", 5) == 0 ||
-           (text.size() == 1 && (text[0] == "1" || text[0] == "2"));
+// Whether that word was meant for one: "alarm-2", "ALARM2:", or nothing but "2".
+bool isNearlyAlarm(const std::vector<std::string>& words) {
+    return words.size() > 1 && (strncasecmp(words[1].c_str(), "alarm", 5) == 0 ||
+                                (words.size() == 2 && (words[1] == "1" || words[1] == "2")));
 }
 
 SharedFile::Edit raising(const std::vector<std::string>& words, bool verbatim) {
     if (words.empty() || words[0].empty()) failUsage("raise needs a section");
     const std::string& section = words[0];
-    const char* said = words.size() > 1 ? alarmKey(words[1]) : nullptr;
-    if (words.size() > 1 && !said && !verbatim && isNearlyAlarm({words.begin() + 1, words.end()})) {
+    const char* said = alarmKey(words);
+    if (!said && !verbatim && isNearlyAlarm(words)) {
         failUsage("the alarm is not ALARM1 or ALARM2; behind -- it is text");
     }
     const std::string key = said ? said : alarmKeys[0];
@@ -173,7 +148,7 @@ SharedFile::Edit raising(const std::vector<std::string>& words, bool verbatim) {
 }
 
 SharedFile::Edit clearing(const std::vector<std::string>& words, bool all) {
-    const char* key = words.size() > 1 ? alarmKey(words[1]) : nullptr;
+    const char* key = alarmKey(words);
     if (all ? !words.empty() : words.empty()) failUsage("clear needs a section or --all");
     if (words.size() > 2 || (words.size() == 2 && !key)) {
         failUsage("what follows the section is not ALARM1 or ALARM2");
@@ -204,7 +179,6 @@ void onTimeout(int) {
 // Changes the file, and has the daemons look at it at once.
 void changeFile(const std::string& path, const SharedFile::Edit& edit) {
     alarm(patienceSeconds);
-    waitedFor = path.c_str();
     SharedFile file(path);
     if (!file.update(edit)) errx(file.status, "%s", file.problem.c_str());
     if (!file.problem.empty()) warnx("%s", file.problem.c_str());
@@ -221,20 +195,22 @@ unsigned secondsOf(const char* text, int usual) {
     return static_cast<unsigned>(seconds);
 }
 
-// check and test. Returns the exit status.
-int look(const std::string& command, const Options& options,
-         const std::vector<std::string>& words) {
-    if (command == "check") {
-        if (!words.empty()) failUsage("check takes no words");
-        return check(options.file ? options.file : "", secondsOf(options.timeout, 10),
-                     options.quiet);
+// Ends the program if something is given that the command does not take.
+void checkUsage(const std::string& command, const Options& options, std::size_t words) {
+    const bool changes = command == "raise" || command == "clear";
+    if (!changes && command != "show" && command != "check" && command != "test") {
+        failUsage("the command is not raise, clear, show, check or test");
     }
-    if (words.size() > 1) failUsage("test takes no words but the seconds");
-    const unsigned seconds = secondsOf(words.empty() ? nullptr : words[0].c_str(), 5);
-    alarm(patienceSeconds);
-    const std::string path = options.file ? options.file : fileOfSettings();
-    return lampTest(path, options.noWait ? 0 : seconds,
-                    [&path](const SharedFile::Edit& edit) { changeFile(path, edit); });
+    if ((command == "show" || command == "check") && words > 0) {
+        failUsage("show and check take no words");
+    }
+    if (command == "test" && words > 1) failUsage("test takes no words but the seconds");
+    if (options.all && command != "clear") failUsage("--all goes with clear only");
+    if (options.wait && !changes) failUsage("--wait goes with raise and clear only");
+    if ((options.quiet || options.timeout) && command != "check") {
+        failUsage("--quiet and --timeout go with check only");
+    }
+    if (options.noWait && command != "test") failUsage("--no-wait goes with test only");
 }
 
 }  // namespace
@@ -250,27 +226,25 @@ int main(int argc, char* argv[]) {
     const bool verbatim = std::strcmp(argv[optind - 1], "--") == 0;
     const std::string command = argv[optind];
     const std::vector<std::string> words(argv + optind + 1, argv + argc);
-    const bool changes = command == "raise" || command == "clear";
-    if (!changes && command != "show" && command != "check" && command != "test") {
-        failUsage("the command is not raise, clear, show, check or test");
-    }
-    if (options.all && command != "clear") failUsage("--all goes with clear only");
-    if (options.wait && !changes) failUsage("--wait goes with raise and clear only");
-    if ((options.quiet || options.timeout) && command != "check") {
-        failUsage("--quiet and --timeout go with check only");
-    }
-    if (options.noWait && command != "test") failUsage("--no-wait goes with test only");
-    signal(SIGALRM, onTimeout);
-    if (command == "check" || command == "test") finish(look(command, options, words));
-    if (command == "show" && !words.empty()) failUsage("show takes no words");
+    checkUsage(command, options, words.size());
+    const unsigned timeout = secondsOf(options.timeout, 10);
     SharedFile::Edit edit;
     if (command == "raise") edit = raising(words, verbatim);
     if (command == "clear") edit = clearing(words, options.all);
+    unsigned seconds = 0;
+    if (command == "test") seconds = secondsOf(words.empty() ? nullptr : words[0].c_str(), 5);
+    if ((command == "check" || command == "test") && geteuid() != 0) {
+        std::puts("UNKNOWN - only root may look at the daemon and its unit");
+        finish(pluginUnknown);
+    }
 
+    if (command == "check") finish(check(options.file ? options.file : "", timeout, options.quiet));
+    signal(SIGALRM, onTimeout);
     alarm(patienceSeconds);
     static const std::string path = options.file ? options.file : fileOfSettings();
     waitedFor = path.c_str();
-    if (command == "show") finish(show(path, isatty(STDOUT_FILENO) == 1));
+    if (command == "test") finish(lampTest(path, options.noWait ? 0 : seconds, changeFile));
+    if (command == "show") finish(show(path));
     changeFile(path, edit);
     if (options.wait) awaitShown(path, waitMs);
     return EX_OK;

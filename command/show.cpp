@@ -11,37 +11,28 @@
 #include <ctime>
 #include <deque>
 
-#include "alarmmask.h"
-
 namespace {
 
-void printAlarms(const IniFile& alarms, const char* before, const char* after) {
+void printAlarms(const IniFile& alarms) {
     std::deque<std::string> names;
     alarms.sectionNames(names);
     for (const std::string& name : names) {
         bool named = false;
-        for (const char* key : {"ALARM1", "ALARM2"}) {
+        for (const char* key : alarmKeys) {
             if (!alarms.hasKey(name, key)) continue;
             if (!named) std::printf("[%s]\n", printable(name).c_str());
             named = true;
-            const std::string& text = alarms.value(name, key, "");
-            std::printf("    %s%s%s%s%s\n", before, key, after, text.empty() ? "" : " ",
-                        printable(text).c_str());
+            const std::string text = printable(alarms.value(name, key, ""));
+            std::printf("    %s%s%s\n", key, text.empty() ? "" : " ", text.c_str());
         }
     }
 }
 
-void printOutputs(AlarmMask mask, bool terminal) {
-    static constexpr const char* states[] = {"no alarm", "ALARM1", "ALARM2"};
-    for (int output = 0; output < 2; ++output) {
-        const bool high = (pinValues[mask] >> output & 1) != 0;
-        const char* lamp = !terminal ? "" : high ? "\033[32m●\033[0m " : "\033[31m○\033[0m ";
-        std::printf("CBUS%d %s%s  ", output, lamp, high ? "high" : "low");
-    }
-    std::printf("%s\n", states[mask]);
-}
-
 }  // namespace
+
+const char* levelName(AlarmMask mask, int output) {
+    return (pinValues[mask] >> output & 1) != 0 ? "high" : "low";
+}
 
 std::string printable(std::string text) {
     for (std::size_t index = 0; index < text.size(); ++index) {
@@ -54,7 +45,7 @@ std::string printable(std::string text) {
     return text;
 }
 
-int show(const std::string& path, bool terminal) {
+int show(const std::string& path) {
     IniFile alarms("");
     struct stat status = {};
     const bool exists = stat(path.c_str(), &status) == 0;
@@ -72,9 +63,10 @@ int show(const std::string& path, bool terminal) {
         return errno == EACCES ? EX_NOPERM : EX_NOINPUT;
     }
 
+    printAlarms(alarms);
     const AlarmMask mask = evaluateAlarmMask(alarms);
-    printAlarms(alarms, terminal ? "\033[31m" : "", terminal ? "\033[0m" : "");
-    printOutputs(mask, terminal);
+    std::printf("CBUS0 %s  CBUS1 %s  %s\n", levelName(mask, 0), levelName(mask, 1),
+                alarmNames[mask]);
     if (exists) {
         // Not the modification time, which numbers the versions and may run ahead.
         char time[sizeof "2026-11-25 12:00:00"];

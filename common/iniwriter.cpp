@@ -11,48 +11,43 @@ bool sameName(const std::string& a, const std::string& b) {
     return strcasecmp(a.c_str(), b.c_str()) == 0;
 }
 
-std::string endOf(const std::string& raw) {
-    const std::size_t length = raw.size();
-    if (length == 0 || raw[length - 1] != '\n') return "";
-    return length > 1 && raw[length - 2] == '\r' ? "\r\n" : "\n";
+std::string endOf(const std::string& line) {
+    return line.size() > 1 && line[line.size() - 2] == '\r' ? "\r\n" : "\n";
+}
+
+// Whether the reader takes the line for this.
+bool readsAs(std::string line, IniLine kind, const std::string& name, const std::string& value) {
+    std::string valueRead;
+    return line.find('\n') == std::string::npos && readIniLine(line, valueRead) == kind &&
+           line == name && valueRead == value;
 }
 
 }  // namespace
 
 std::string iniHeader(const std::string& section) {
     const std::string header = "[" + section + "]";
-    std::string name = header;
-    std::string value;
-    const bool fits = section.find('\n') == std::string::npos &&
-                      readIniLine(name, value) == IniLine::header && name == section;
-    return fits ? header : "";
+    return readsAs(header, IniLine::header, section, "") ? header : "";
 }
 
 std::string iniAssignment(const std::string& key, const std::string& value) {
     for (const char* quote : {"", "\""}) {
         std::string assignment = key;
         assignment.append(" = ").append(quote).append(value).append(quote);
-        std::string keyRead = assignment;
-        std::string valueRead;
-        const bool fits = assignment.find('\n') == std::string::npos &&
-                          readIniLine(keyRead, valueRead) == IniLine::assignment &&
-                          keyRead == key && valueRead == value;
-        if (fits) return assignment;
+        if (readsAs(assignment, IniLine::assignment, key, value)) return assignment;
     }
     return "";
 }
 
-IniText::IniText(const std::string& text) {
+IniText::IniText(std::string text) {
+    if (!text.empty() && text.back() != '\n') text += '\n';
     std::string section;
     std::size_t begin = 0;
     while (begin < text.size()) {
-        const std::size_t end = std::min(text.find('\n', begin), text.size() - 1) + 1;
+        const std::size_t end = text.find('\n', begin) + 1;
         lines.push_back(read(text.substr(begin, end - begin), section));
         section = lines.back().section;
         begin = end;
     }
-    lineEnd = lines.empty() ? "" : endOf(lines.front().raw);
-    if (lineEnd.empty()) lineEnd = "\n";
 }
 
 IniText::Line IniText::read(const std::string& raw, const std::string& section) {
@@ -94,19 +89,18 @@ void IniText::set(const std::string& section, const std::string& key, const std:
         return;
     }
 
+    const std::string lineEnd = lines.empty() ? "\n" : endOf(lines.front().raw);
     std::size_t place = lines.size();
     while (place > 0 && (lines[place - 1].kind == IniLine::nothing ||
                          !sameName(lines[place - 1].section, section))) {
         --place;
     }
-    std::vector<Line> added;
     if (place == 0) {
+        lines.push_back(read(iniHeader(section) + lineEnd, ""));
         place = lines.size();
-        added.push_back(read(iniHeader(section) + lineEnd, ""));
     }
-    added.push_back(read(assignment + lineEnd, section));
-    if (place > 0 && endOf(lines[place - 1].raw).empty()) lines[place - 1].raw += lineEnd;
-    lines.insert(lines.begin() + static_cast<std::ptrdiff_t>(place), added.begin(), added.end());
+    lines.insert(lines.begin() + static_cast<std::ptrdiff_t>(place),
+                 read(assignment + lineEnd, section));
 }
 
 bool IniText::remove(const std::string* section, const std::string& key) {

@@ -10,13 +10,14 @@
 std::string iniHeader(const std::string& section);
 std::string iniAssignment(const std::string& key, const std::string& value);
 
-// INI text in which single keys are set and removed. All other bytes stay: order, comments,
-// blanks, line ends. What a line means is the reader's matter (readIniLine), so that names
-// count in any letter case, and a section that occurs again is one section.
+// INI text in which single keys are set and removed. All else stays: order, comments, blanks,
+// line ends, but that the last line gets one. What a line means is the reader's matter
+// (readIniLine), so that names count in any letter case, and a section that occurs again is one
+// section.
 class IniText {
 public:
     // Takes the text apart; one with a NUL in it is not for this class.
-    explicit IniText(const std::string& text);
+    explicit IniText(std::string text);
 
     // The text as it is now.
     std::string text() const;
@@ -46,5 +47,4 @@ private:
     std::size_t find(const std::string& section, const std::string& key) const;
 
     std::vector<Line> lines;
-    std::string lineEnd;  // of new lines
 };

@@ -50,18 +50,12 @@ bool copyAccessList(int from, int to) {
     return fsetxattr(to, accessList, list, static_cast<std::size_t>(length), 0) == 0;
 }
 
-bool sameTime(const timespec& a, const timespec& b) {
-    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-}
-
 }  // namespace
 
 SharedFile::SharedFile(const std::string& filePath)
     : path(filePath), name(filePath.substr(filePath.rfind('/') + 1)) {}
 
 bool SharedFile::update(const Edit& edit) {
-    problem.clear();
-    status = 0;
     std::string folderPath = path.substr(0, path.size() - name.size());
     if (folderPath.empty()) folderPath = ".";
     const Descriptor opened(open(folderPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -145,17 +139,16 @@ bool SharedFile::fillNew(int newFile, int oldFile, const std::string& text) cons
 }
 
 bool SharedFile::copyAttributes(int newFile, int oldFile) const {
-    const bool hasGroup = (folder.st_mode & S_ISGID) != 0;
-    if (oldFile < 0) {
+    if (oldFile < 0 && geteuid() == 0) {
         // Made by root, it is the directory owner's to change.
-        if (geteuid() == 0 && fchown(newFile, folder.st_uid, folder.st_gid) != 0) return false;
-        return !hasGroup || fchmod(newFile, folder.st_mode & noExecution) == 0;
+        if (fchown(newFile, folder.st_uid, folder.st_gid) != 0) return false;
     }
     const mode_t readersMore = folder.st_mode & ~found.st_mode & (S_IRGRP | S_IROTH);
-    if (hasGroup && found.st_gid == folder.st_gid && readersMore == 0) {
-        return fchown(newFile, static_cast<uid_t>(-1), folder.st_gid) == 0 &&
-               fchmod(newFile, folder.st_mode & noExecution) == 0;
+    const bool isGroups = found.st_gid == folder.st_gid && readersMore == 0;
+    if ((folder.st_mode & S_ISGID) != 0 && (oldFile < 0 || isGroups)) {
+        return fchmod(newFile, folder.st_mode & noExecution) == 0;
     }
+    if (oldFile < 0) return true;
     const bool owned = fchown(newFile, found.st_uid, found.st_gid) == 0;
     const bool grouped = owned || fchown(newFile, static_cast<uid_t>(-1), found.st_gid) == 0;
     fremovexattr(newFile, accessList);  // the directory's default one
@@ -179,10 +172,11 @@ bool SharedFile::isUnchanged() const {
     if (fstatat(directory, name.c_str(), &now, AT_SYMLINK_NOFOLLOW) != 0) {
         return found.st_nlink == 0;
     }
+    // Of the times the one that nobody sets, and that every change sets.
     return now.st_dev == found.st_dev && now.st_ino == found.st_ino &&
            now.st_nlink == found.st_nlink && now.st_uid == found.st_uid &&
-           now.st_size == found.st_size && sameTime(now.st_mtim, found.st_mtim) &&
-           sameTime(now.st_ctim, found.st_ctim);
+           now.st_size == found.st_size && now.st_ctim.tv_sec == found.st_ctim.tv_sec &&
+           now.st_ctim.tv_nsec == found.st_ctim.tv_nsec;
 }
 
 SharedFile::Outcome SharedFile::fail(int error) {

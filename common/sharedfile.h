@@ -24,10 +24,10 @@ public:
 
     explicit SharedFile(const std::string& filePath);
 
-    // Changes the file by `edit`, which is called again if the file changed meanwhile. A missing
-    // file counts as empty and is made in any case, NUL bytes count as blanks and are replaced by
-    // them. Waits for locks without limit. False if it could not be done; the file is then as it
-    // was.
+    // Changes the file, once, by `edit`, which is called again if the file changed meanwhile. A
+    // missing file counts as empty and is made in any case, NUL bytes count as blanks and are
+    // replaced by them. Waits for locks without limit. False if it could not be done; the file is
+    // then as it was.
     bool update(const Edit& edit);
 
     // What failed, for the user, and the exit status for it (sysexits.h); after a success a

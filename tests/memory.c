@@ -7,13 +7,12 @@
 #include <string.h>
 #include <usb.h>
 
-static struct usb_bus bus;
+static struct usb_bus bus = {.dirname = "001"};
 static struct usb_device unit = {.filename = "002", .bus = &bus, .descriptor.bcdDevice = 0x0600};
 static unsigned char pins;
 
 int ftdi_usb_find_all(struct ftdi_context *ftdi, struct ftdi_device_list **list, int vendor, int product) {
     bus.root_dev = &unit;
-    strcpy(bus.dirname, "001");
     *list = calloc(1, sizeof **list);
     (*list)->dev = &unit;
     return 1;
