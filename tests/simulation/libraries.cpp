@@ -139,10 +139,10 @@ int ftdi_usb_open_dev(ftdi_context* context, struct usb_device* record) {
     const DevicePointer device =
         openNode(std::string(record->bus->dirname) + "/" + record->filename);
     if (!device) return -4;
-    const bool canBeOpened = device->unit->canBeOpened && device->configured;
+    const bool configured = device->configured;
     world.pass(world.between(2 * millisecond, 30 * millisecond));
     const bool spoilt = call.fails || device->unit->refusesUntil > world.now;
-    if (spoilt || !canBeOpened || !device->attached) {
+    if (spoilt || !configured || !device->attached) {
         rules.refused(device, spoilt);
         return -5;
     }

@@ -23,7 +23,7 @@ Unit units[] = {{"TQ-5"},
                 {"old chip", 0x0403, 0x6001, 0x0400},
                 {"other functions", 0x0403, 0x6001, 0x0600, tq5, 0x003a},
                 {"mute one", 0x0403, 0x6001, 0x0600, tq5, 0x00aa, false},
-                {"busy one", 0x0403, 0x6001, 0x0600, tq5, 0x00aa, true, false},
+                {"hungry one", 0x0403, 0x6001, 0x0600, tq5, 0x00aa, true, false},
                 {"mouse", 0x046d, 0xc077},
                 {"second TQ-5"}};
 Unit& good = units[0];
