@@ -3,6 +3,7 @@
 #include <ftdi.h>
 #include <usb.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -89,7 +90,7 @@ int ftdi_usb_find_all(ftdi_context*, ftdi_device_list** list, int vendor, int pr
     if (call.fails) {
         rules.searches += 2;
         for (const DevicePointer& device : kernel.devices) {
-            device->tries = 0;
+            device->tries = std::min(device->tries, 0);
             ++device->spoilt;
         }
         return -1;

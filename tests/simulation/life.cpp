@@ -1,5 +1,8 @@
 #include "life.h"
 
+#include <unistd.h>
+
+#include <cstdio>
 #include <iterator>
 #include <new>
 #include <vector>
@@ -7,6 +10,7 @@
 #include "daemonstate.h"
 #include "logger.h"
 #include "settings.h"
+#include "uevent.h"
 
 // src/main.cpp, under another name.
 int daemonMain(int, char* arguments[]);
@@ -241,4 +245,43 @@ void live(std::uint64_t seed, long hours) {
         world.note("        start");
         runDaemon();
     }
+}
+
+void printOrder() {
+    worldBegan = kernel.isBound = true;
+    kernel.room = 100;
+    Port& port = kernel.hubs[1].ports[0];
+    const auto record = [&](const char* name, const std::function<void()>& happens) {
+        std::printf("== %s\n", name);
+        happens();
+        for (;;) {
+            world.wait([] { return kernel.isReadable(); }, 2 * second);
+            if (!kernel.isReadable()) return;
+            char buffer[2048];
+            const int length = kernel.receive(buffer, sizeof buffer);
+            if (length < 0) {
+                std::puts("events lost");
+                continue;
+            }
+            const Uevent event = parseUevent(buffer, static_cast<std::size_t>(length));
+            if (event.sysfsDirectory.find(port.path) == std::string::npos) continue;
+            const bool attributes = access((event.sysfsDirectory + "/idVendor").c_str(), 0) == 0;
+            std::printf("%s %s%s%s\n", event.action->c_str(),
+                        event.usbDevice ? "device" : "interface", attributes ? " a" : "",
+                        kernel.find(event.nodePath()) ? " n" : "");
+        }
+    };
+    const auto plugIn = [&] { kernel.connect(port, &good); };
+    const auto draw = [&] { kernel.connect(port, nullptr); };
+    const auto trigger = [] { kernel.trigger("change"); };
+    record("arrival", plugIn);
+    record("trigger", trigger);
+    record("refused", [&] { kernel.reset(port.device); });
+    record("bounce", [&] {
+        draw();
+        world.after(50 * millisecond, plugIn);
+    });
+    kernel.room = 3;
+    record("loss", trigger);
+    record("removal", draw);
 }
