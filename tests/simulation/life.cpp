@@ -28,7 +28,7 @@ Unit units[] = {{"TQ-5"},
                 {"other functions", 0x0403, 0x6001, 0x0600, tq5, 0x003a},
                 {"mute one", 0x0403, 0x6001, 0x0600, tq5, 0x00aa, false},
                 {"hungry one", 0x0403, 0x6001, 0x0600, tq5, 0x00aa, true, false},
-                {"mouse", 0x046d, 0xc077},
+                {"nameless one", 0, 0},
                 {"second TQ-5"}};
 Unit& good = units[0];
 std::uint32_t unitCount = 7;  // and eight in some worlds
@@ -219,6 +219,7 @@ void runDaemon() {
     char name[] = "pinwatchd";
     char* arguments[] = {name, nullptr};
     if (daemonMain(1, arguments) != 0) world.fail("the exit status is not 0");
+    if (!DaemonState::stopRequested) world.fail("it ends of itself");
     SysLog::release();
     running = false;
     rules.ended();
@@ -251,6 +252,7 @@ void printOrder() {
     worldBegan = kernel.isBound = true;
     kernel.room = 100;
     Port& port = kernel.hubs[1].ports[0];
+    std::string path = port.path;
     const auto record = [&](const char* name, const std::function<void()>& happens) {
         std::printf("== %s\n", name);
         happens();
@@ -264,7 +266,7 @@ void printOrder() {
                 continue;
             }
             const Uevent event = parseUevent(buffer, static_cast<std::size_t>(length));
-            if (event.sysfsDirectory.find(port.path) == std::string::npos) continue;
+            if (event.sysfsDirectory.find(path) == std::string::npos) continue;
             const bool attributes = access((event.sysfsDirectory + "/idVendor").c_str(), 0) == 0;
             std::printf("%s %s%s%s\n", event.action->c_str(),
                         event.usbDevice ? "device" : "interface", attributes ? " a" : "",
@@ -281,7 +283,8 @@ void printOrder() {
         draw();
         world.after(50 * millisecond, plugIn);
     });
-    kernel.room = 3;
-    record("loss", trigger);
     record("removal", draw);
+    path = kernel.hubs[2].device->port->path;
+    kernel.room = 1;
+    record("loss", trigger);
 }
