@@ -14,7 +14,6 @@
 namespace {
 
 constexpr const char* sysfsRoot = "/sys";
-constexpr const char* nodesRoot = "/dev/bus/usb/";
 
 bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
@@ -32,10 +31,13 @@ std::string_view nextToken(std::string_view& text) {
 }  // namespace
 
 bool Uevent::deviceStays() const {
+    if (action == "remove" || !exists(sysfsDirectory + "/idVendor")) return false;
     // Its successor at the same port has the same directory in sysfs, but a device number, and so
-    // a node, of its own.
-    return action != "remove" && exists(sysfsDirectory + "/idVendor") &&
-           (!exists(nodesRoot + busNumber) || exists(nodesRoot + nodePath()));
+    // a node, of its own. Older systems have the nodes in the second place.
+    for (const std::string root : {"/dev/bus/usb/", "/proc/bus/usb/"}) {
+        if (exists(root + busNumber)) return exists(root + nodePath());
+    }
+    return true;
 }
 
 bool Uevent::deviceIsConfigured() const {

@@ -122,7 +122,7 @@ void Kernel::enumerate(Port& port) {
     device->atStart = !isBound;  // nobody is told of it
     device->second = rules.open && (rules.open->inSysfs || rules.open->unit != port.unit);
     send(device, "add");
-    const Time untilLocked = world.once(10) ? world.between(0, 3 * millisecond) : 0;
+    const Time untilLocked = world.once(10) ? world.between(0, 30 * millisecond) : 0;
     world.after(untilLocked, [=, &port] {
         device->locked = true;
         world.after(enumerationTime(), [=, &port] { configure(port); });
@@ -130,10 +130,10 @@ void Kernel::enumerate(Port& port) {
 }
 
 // usb_set_configuration, which adds the interfaces; then the device itself is bound. That the
-// configuration fails is no failure of the probe.
+// configuration fails, as for want of power, is no failure of the probe.
 void Kernel::configure(Port& port) {
     const DevicePointer device = port.device;
-    device->configured = device->attached;
+    device->configured = device->attached && device->unit->canBeConfigured;
     if (device->configured && sendsBind) send(device, "change");
     world.after(shortTime(), [=, &port] {
         if (device->configured) sendOfInterface(*device, "add");

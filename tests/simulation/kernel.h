@@ -17,7 +17,7 @@ struct Unit {
     const char* text = "TQ-5 alarm unit";
     unsigned short eepromWord = 0x00aa;  // word 10: functions of CBUS0 and CBUS1
     bool answersStrings = true;
-    bool canBeOpened = true;
+    bool canBeConfigured = true;
 
     // The pins (FTDI AN_232R-01): without CBUS bit-bang mode, after power on and after a reset of
     // the bus they are no outputs.
@@ -30,7 +30,7 @@ struct Unit {
     bool isTq5() const { return std::string(text).find("TQ-5") != std::string::npos; }
     bool isGood() const {
         return isFt232() && release == 0x0600 && isTq5() && (eepromWord & 0xff) == 0xaa &&
-               answersStrings && canBeOpened;
+               answersStrings && canBeConfigured;
     }
 };
 

@@ -3,6 +3,7 @@
 #include <ftdi.h>
 #include <usb.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -89,7 +90,7 @@ int ftdi_usb_find_all(ftdi_context*, ftdi_device_list** list, int vendor, int pr
     if (call.fails) {
         rules.searches += 2;
         for (const DevicePointer& device : kernel.devices) {
-            device->tries = 0;
+            device->tries = std::min(device->tries, 0);
             ++device->spoilt;
         }
         return -1;
@@ -139,10 +140,10 @@ int ftdi_usb_open_dev(ftdi_context* context, struct usb_device* record) {
     const DevicePointer device =
         openNode(std::string(record->bus->dirname) + "/" + record->filename);
     if (!device) return -4;
-    const bool canBeOpened = device->unit->canBeOpened && device->configured;
+    const bool configured = device->configured;
     world.pass(world.between(2 * millisecond, 30 * millisecond));
     const bool spoilt = call.fails || device->unit->refusesUntil > world.now;
-    if (spoilt || !canBeOpened || !device->attached) {
+    if (spoilt || !configured || !device->attached) {
         rules.refused(device, spoilt);
         return -5;
     }

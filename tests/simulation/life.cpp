@@ -1,5 +1,8 @@
 #include "life.h"
 
+#include <unistd.h>
+
+#include <cstdio>
 #include <iterator>
 #include <new>
 #include <vector>
@@ -7,6 +10,7 @@
 #include "daemonstate.h"
 #include "logger.h"
 #include "settings.h"
+#include "uevent.h"
 
 // src/main.cpp, under another name.
 int daemonMain(int, char* arguments[]);
@@ -23,8 +27,8 @@ Unit units[] = {{"TQ-5"},
                 {"old chip", 0x0403, 0x6001, 0x0400},
                 {"other functions", 0x0403, 0x6001, 0x0600, tq5, 0x003a},
                 {"mute one", 0x0403, 0x6001, 0x0600, tq5, 0x00aa, false},
-                {"busy one", 0x0403, 0x6001, 0x0600, tq5, 0x00aa, true, false},
-                {"mouse", 0x046d, 0xc077},
+                {"hungry one", 0x0403, 0x6001, 0x0600, tq5, 0x00aa, true, false},
+                {"nameless one", 0, 0},
                 {"second TQ-5"}};
 Unit& good = units[0];
 std::uint32_t unitCount = 7;  // and eight in some worlds
@@ -215,6 +219,7 @@ void runDaemon() {
     char name[] = "pinwatchd";
     char* arguments[] = {name, nullptr};
     if (daemonMain(1, arguments) != 0) world.fail("the exit status is not 0");
+    if (!DaemonState::stopRequested) world.fail("it ends of itself");
     SysLog::release();
     running = false;
     rules.ended();
@@ -241,4 +246,45 @@ void live(std::uint64_t seed, long hours) {
         world.note("        start");
         runDaemon();
     }
+}
+
+void printOrder() {
+    worldBegan = kernel.isBound = true;
+    kernel.room = 100;
+    Port& port = kernel.hubs[1].ports[0];
+    std::string path = port.path;
+    const auto record = [&](const char* name, const std::function<void()>& happens) {
+        std::printf("== %s\n", name);
+        happens();
+        for (;;) {
+            world.wait([] { return kernel.isReadable(); }, 2 * second);
+            if (!kernel.isReadable()) return;
+            char buffer[2048];
+            const int length = kernel.receive(buffer, sizeof buffer);
+            if (length < 0) {
+                std::puts("events lost");
+                continue;
+            }
+            const Uevent event = parseUevent(buffer, static_cast<std::size_t>(length));
+            if (event.sysfsDirectory.find(path) == std::string::npos) continue;
+            const bool attributes = access((event.sysfsDirectory + "/idVendor").c_str(), 0) == 0;
+            std::printf("%s %s%s%s\n", event.action->c_str(),
+                        event.usbDevice ? "device" : "interface", attributes ? " a" : "",
+                        kernel.find(event.nodePath()) ? " n" : "");
+        }
+    };
+    const auto plugIn = [&] { kernel.connect(port, &good); };
+    const auto draw = [&] { kernel.connect(port, nullptr); };
+    const auto trigger = [] { kernel.trigger("change"); };
+    record("arrival", plugIn);
+    record("trigger", trigger);
+    record("refused", [&] { kernel.reset(port.device); });
+    record("bounce", [&] {
+        draw();
+        world.after(50 * millisecond, plugIn);
+    });
+    record("removal", draw);
+    path = kernel.hubs[2].device->port->path;
+    kernel.room = 1;
+    record("loss", trigger);
 }

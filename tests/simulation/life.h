@@ -3,6 +3,7 @@
 #include <ctime>
 #include <map>
 #include <string>
+#include <string_view>
 
 #include "kernel.h"
 
@@ -53,7 +54,7 @@ struct Call {
 // a rule, at once or at the next calm.
 struct Rules {
     // Faults put in: this call fails so often. It names all that were made.
-    std::map<std::string, int> spoils;
+    std::map<std::string_view, int> spoils;
 
     DevicePointer open;
     bool socket = true;  // the daemon has one
@@ -85,3 +86,7 @@ extern Rules rules;
 // Lives through so many virtual hours of one world: the daemon runs, faults come and go, and the
 // rules are checked. Ends the process if one is broken.
 void live(std::uint64_t seed, long hours);
+
+// Prints what the kernel alone tells of some faults: each event of a device and its interface, with
+// what is there of the device at that time, its attributes (a) and its node (n).
+void printOrder();

@@ -1,4 +1,5 @@
-// simulation [--hours N] [--life HOURS] [--seed N] [--only RULE]
+// simulation [--hours N] [--life HOURS] [--seed N]
+// simulation --order
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -9,15 +10,15 @@
 #include "life.h"
 
 int main(int count, char* arguments[]) {
+    if (count == 2 && arguments[1] == std::string("--order")) {
+        printOrder();
+        return 0;
+    }
     std::map<std::string, long> options = {{"--hours", 20}, {"--life", 20}, {"--seed", 1}};
     for (int i = 1; i < count; i += 2) {
         const auto option = options.find(arguments[i]);
-        const bool isOnly = arguments[i] == std::string("--only");
-        if (i + 1 == count || (option == options.end() && !isOnly)) return 2;
-        if (isOnly)
-            world.onlyRule = arguments[i + 1];
-        else
-            option->second = std::strtol(arguments[i + 1], nullptr, 10);
+        if (i + 1 == count || option == options.end()) return 2;
+        option->second = std::strtol(arguments[i + 1], nullptr, 10);
     }
     const long life = std::max(options["--life"], 1L);
     long seed = options["--seed"];

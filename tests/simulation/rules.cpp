@@ -54,7 +54,7 @@ void Rules::received(const Event& event) {
     if (!event.device) return;
     if (event.action == "add") {
         event.device->heard = true;
-        event.device->tries = 0;
+        --event.device->tries;  // what is reported is tried in any case
         if (event.device->unit->isFt232()) ++searches;
     } else if (event.action != "remove" && event.device == open) {
         ++searches;

@@ -163,16 +163,18 @@ ssize_t recv(int, void* buffer, size_t size, int flags) {
 
 int pselect(int, fd_set* readable, fd_set*, fd_set*, const timespec* limit, const sigset_t* mask) {
     const Call call("pselect");
-    process.blocked = mask && sigismember(mask, SIGTERM) == 1;
+    process.deliver(false);  // before the wait begins, unless it is held back
+    if (mask) process.blocked = sigismember(mask, SIGTERM) == 1;
+    const auto isStopped = [] { return process.pendingSignal != 0 && !process.blocked; };
     const auto isReadable = [&] { return readable && kernel.isReadable(); };
     const Time duration = limit ? limit->tv_sec * second + limit->tv_nsec : never;
     // Another signal may interrupt a wait, but not what need not wait.
     const bool interrupted = call.fails && !isReadable();
     if (!interrupted && !isReadable()) {
-        world.wait([&] { return isReadable() || process.pendingSignal != 0; }, duration);
+        world.wait([&] { return isReadable() || isStopped(); }, duration);
         world.pass(microsecond);  // if the process is stopped, it returns after that
     }
-    const bool stopped = process.pendingSignal != 0;
+    const bool stopped = isStopped();
     process.deliver(duration > 0);
     process.blocked = true;
     if (interrupted || stopped) return Call::failure(EINTR);
@@ -180,10 +182,10 @@ int pselect(int, fd_set* readable, fd_set*, fd_set*, const timespec* limit, cons
     return isReadable() ? 1 : 0;
 }
 
-int sigprocmask(int how, const sigset_t*, sigset_t* old) {
+int sigprocmask(int how, const sigset_t* mask, sigset_t* old) {
     if (old) sigemptyset(old);
     const Call call("sigprocmask");
-    process.blocked = how == SIG_BLOCK;
+    if (mask) process.blocked = how == SIG_BLOCK;
     return 0;
 }
 
@@ -198,7 +200,7 @@ int kill(pid_t, int) { return 0; }
 int clock_gettime(clockid_t, timespec* time) {
     const Call call("clock_gettime");
     time->tv_sec = world.now / second + 1000;
-    time->tv_nsec = world.now % second;
+    time->tv_nsec = static_cast<long>(world.now % second);
     return 0;
 }
 

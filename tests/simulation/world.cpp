@@ -15,7 +15,9 @@ constexpr std::size_t historyLength = 90;
 
 std::string format(Time now, const char* text, va_list arguments) {
     char line[400];
-    const int length = std::snprintf(line, sizeof line, "%12.6f  ", double(now) / double(second));
+    const int length =
+        std::snprintf(line, sizeof line, "%5lld.%06lld  ", static_cast<long long>(now / second),
+                      static_cast<long long>(now % second / microsecond));
     vsnprintf(line + length, sizeof line - static_cast<std::size_t>(length), text, arguments);
     return line;
 }
@@ -71,7 +73,6 @@ void World::fail(const char* text, ...) {
     va_start(arguments, text);
     const std::string rule = format(now, text, arguments);
     va_end(arguments);
-    if (rule.find(onlyRule) == std::string::npos) return;
     for (const std::string& line : history) std::puts(line.c_str());
     std::printf("%s\nFAILED with seed %llu\n", rule.c_str(), static_cast<unsigned long long>(seed));
     std::fflush(stdout);

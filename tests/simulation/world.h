@@ -41,8 +41,6 @@ public:
     // A rule is broken: prints seed, time, rule and the last lines, and ends the process with 1.
     void fail(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-    std::string onlyRule;  // only rules with this text in them count
-
 private:
     bool step(Time end);
 
