@@ -44,13 +44,11 @@ AlarmMessage readAlarmMessage(const std::string& base, const std::string& topic,
     message.name = name;
     if (payload.empty()) return message;
 
-    for (const char* key : {"ALARM1", "ALARM2"}) {
-        const std::size_t length = std::string(key).size();
-        const bool ends = payload.size() == length || payload.find_first_of(" \t\r\n") == length;
-        if (ends && strncasecmp(payload.c_str(), key, length) == 0) {
-            message.key = key;
-            message.text = oneLine(payload.substr(length), maxTextBytes);
-        }
+    const std::size_t end = std::min(payload.find_first_of(" \t\r\n"), payload.size());
+    for (const std::string key : {"ALARM1", "ALARM2"}) {
+        if (end != key.size() || strncasecmp(payload.c_str(), key.c_str(), end) != 0) continue;
+        message.key = key;
+        message.text = oneLine(payload.substr(end), maxTextBytes);
     }
     // The file's format has no line for a value with double quotes at both ends.
     if (iniAssignment("ALARM1", message.text).empty()) trim(message.text, "\"");

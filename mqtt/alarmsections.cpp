@@ -27,24 +27,20 @@ bool updateSections(std::string& text, const std::string& prefix, bool withAlarm
 
     IniText ini(text);
     bool changed = false;
-    for (const auto& [section, keys] : present) {
-        const auto kept = wanted.find(section);
-        for (const auto& assignment : keys) {
-            const std::string& key = assignment.first;
-            if (kept == wanted.end() || kept->second.count(key) == 0) {
-                changed |= ini.remove(&section, key);
-            }
-        }
-    }
     for (const auto& [section, keys] : wanted) {
-        const auto known = present.find(section);
+        IniSection& known = present[section];
         for (const auto& [key, value] : keys) {
-            const bool same = known != present.end() && known->second.count(key) > 0 &&
-                              known->second.at(key) == value;
-            if (same) continue;
+            const auto found = known.find(key);
+            const bool isSame = found != known.end() && found->second == value;
+            known.erase(key);
+            if (isSame) continue;
             ini.set(section, key, value);
             changed = true;
         }
+    }
+    // What is left is wanted no more.
+    for (const auto& [section, keys] : present) {
+        for (const auto& assignment : keys) changed |= ini.remove(&section, assignment.first);
     }
     if (changed) text = ini.text();
     return changed;

@@ -20,7 +20,6 @@ struct BridgeSettings {
 
     std::string statusTopic = "pinwatchd/status";
     std::string name;  // this machine's, if none is said
-    std::string unitFile = "/run/pinwatchd-unit";
     std::string discovery;
 
     std::string password;  // the first line of its file

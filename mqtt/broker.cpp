@@ -21,13 +21,11 @@ constexpr int unsaved = 0;   // at most once, for which no broker writes to its 
 constexpr int receiveMaximum = 65535;
 constexpr std::uint32_t largestPacket = 2 * 1024 * 1024;
 constexpr int firstRefusedReason = 0x80;  // of the standard's reason codes, section 2.4
-constexpr std::chrono::seconds shortestDelay{1};
-constexpr std::chrono::seconds longestDelay{5};
-constexpr std::chrono::seconds goodConnection{30};
-constexpr std::chrono::seconds goodbye{2};
+constexpr std::chrono::seconds retryInterval{3};
 constexpr unsigned refusalsPerMinute = 10;
 constexpr std::size_t loggedBytes = 100;
 constexpr int leastKeepalive = 5;
+constexpr char offline[] = "offline";
 
 Broker& self(void* object) { return *static_cast<Broker*>(object); }
 
@@ -38,53 +36,39 @@ std::chrono::seconds echoInterval(const BridgeSettings& settings) {
 }  // namespace
 
 Broker::Broker(const BridgeSettings& bridgeSettings, RetainedAlarms& retainedAlarms)
-    : settings(bridgeSettings),
-      retained(retainedAlarms),
-      heard(Clock::now()),
-      delay(shortestDelay) {}
+    : settings(bridgeSettings), retained(retainedAlarms), heard(Clock::now()) {}
 
 Broker::~Broker() {
-    if (client) mosquitto_destroy(client);
+    mosquitto_destroy(client);
     mosquitto_lib_cleanup();
 }
 
 bool Broker::open() {
     mosquitto_lib_init();
     client = mosquitto_new(("pinwatchd-mqtt-" + settings.name).c_str(), true, this);
-    if (!client) {
-        logError("no MQTT client: %s", std::strerror(errno));
-        return false;
-    }
     mosquitto_int_option(client, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
     mosquitto_int_option(client, MOSQ_OPT_RECEIVE_MAXIMUM, receiveMaximum);
     mosquitto_int_option(client, MOSQ_OPT_TCP_NODELAY, 1);
-    const std::string offline = "offline";
-    int result =
-        mosquitto_will_set(client, statusTopic("bridge").c_str(), static_cast<int>(offline.size()),
-                           offline.data(), reliable, true);
+    int result = mosquitto_will_set(client, statusTopic("bridge").c_str(), sizeof offline - 1,
+                                    offline, reliable, true);
     if (result == MOSQ_ERR_SUCCESS && !settings.user.empty()) {
         result =
             mosquitto_username_pw_set(client, settings.user.c_str(), settings.password.c_str());
     }
     if (result == MOSQ_ERR_SUCCESS && !settings.caFile.empty()) {
-        const bool hasCertificate = !settings.certFile.empty();
-        result = mosquitto_tls_set(client, settings.caFile.c_str(), nullptr,
-                                   hasCertificate ? settings.certFile.c_str() : nullptr,
-                                   hasCertificate ? settings.keyFile.c_str() : nullptr, nullptr);
+        const char* cert = settings.certFile.empty() ? nullptr : settings.certFile.c_str();
+        const char* key = settings.keyFile.empty() ? nullptr : settings.keyFile.c_str();
+        result = mosquitto_tls_set(client, settings.caFile.c_str(), nullptr, cert, key, nullptr);
     }
     if (result != MOSQ_ERR_SUCCESS) {
         logError("the broker's settings cannot be used: %s", mosquitto_strerror(result));
         return false;
     }
 
-    mosquitto_connect_v5_callback_set(
-        client, [](mosquitto*, void* object, int reason, int, const mosquitto_property*) {
-            self(object).onConnect(reason);
-        });
-    mosquitto_disconnect_v5_callback_set(
-        client, [](mosquitto*, void* object, int reason, const mosquitto_property*) {
-            self(object).onDisconnect(reason);
-        });
+    mosquitto_connect_callback_set(
+        client, [](mosquitto*, void* object, int reason) { self(object).onConnect(reason); });
+    mosquitto_disconnect_callback_set(
+        client, [](mosquitto*, void* object, int reason) { self(object).onDisconnect(reason); });
     mosquitto_subscribe_callback_set(
         client, [](mosquitto*, void* object, int, int count, const int* granted) {
             self(object).onSubscribed(count, granted);
@@ -110,8 +94,7 @@ void Broker::run(std::chrono::milliseconds time) {
         if (now >= nextAttempt) {
             connect();
         } else {
-            const auto wait = std::chrono::ceil<std::chrono::milliseconds>(nextAttempt - now);
-            poll(nullptr, 0, static_cast<int>(std::min(time, wait).count()));
+            poll(nullptr, 0, static_cast<int>(time.count()));
         }
         return;
     }
@@ -124,11 +107,12 @@ void Broker::run(std::chrono::milliseconds time) {
     const int result = mosquitto_loop(client, static_cast<int>(time.count()), 1);
     if (result == MOSQ_ERR_SUCCESS) return;
     tellProblem(reasonOf(result));
-    waitBeforeNext();
+    nextAttempt = Clock::now() + retryInterval;
 }
 
 void Broker::connect() {
     told = false;
+    nextAttempt = Clock::now() + retryInterval;
     int result = MOSQ_ERR_SUCCESS;
     if (triedFirst) {
         result = mosquitto_reconnect_async(client);
@@ -144,15 +128,7 @@ void Broker::connect() {
                                       std::max(keepalive, leastKeepalive), nullptr, properties);
         mosquitto_property_free_all(&properties);
     }
-    if (result != MOSQ_ERR_SUCCESS) {
-        tellProblem(reasonOf(result));
-        waitBeforeNext();
-    }
-}
-
-void Broker::waitBeforeNext() {
-    nextAttempt = Clock::now() + delay;
-    delay = std::min(delay * 2, longestDelay);
+    if (result != MOSQ_ERR_SUCCESS) tellProblem(reasonOf(result));
 }
 
 std::string Broker::reasonOf(int result) {
@@ -176,13 +152,11 @@ void Broker::onConnect(int reason) {
     }
     connected = true;
     told = false;
-    connectedSince = Clock::now();
     subscribe();
 }
 
 void Broker::onDisconnect(int reason) {
     if (reason != MOSQ_ERR_SUCCESS) tellProblem(reasonOf(reason));
-    if (connected && Clock::now() - connectedSince >= goodConnection) delay = shortestDelay;
     connected = subscribed = false;
 }
 
@@ -273,12 +247,7 @@ void Broker::onEcho(const std::string& payload) {
 }
 
 void Broker::close() {
-    publish(statusTopic("bridge"), "offline");
-    const auto end = Clock::now() + goodbye;
-    while (connected && mosquitto_want_write(client) && Clock::now() < end) {
-        mosquitto_loop(client, 100, 1);
-    }
-    mosquitto_disconnect(client);
+    mosquitto_disconnect_v5(client, MQTT_RC_DISCONNECT_WITH_WILL_MSG, nullptr);
     mosquitto_loop(client, 100, 1);
 }
 

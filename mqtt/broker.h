@@ -12,18 +12,12 @@ struct mosquitto_message;
 // The connection to the broker, which is made again whenever it is lost. What the broker holds
 // is noted in the RetainedAlarms.
 //
-// It is MQTT 5, for three things that earlier versions lack. A subscriber may ask for the retain
-// flag as it was published; one that is not set belongs to an event, of which the broker will
-// know nothing after the next connection. The largest packet is agreed on, so that memory is
-// bounded. And so is the number of messages under way: a broker drops what is beyond that number
-// and its queue, which for mosquitto are 20 and 1000 unless the client asks for more.
+// It is MQTT 5, for three things that earlier versions lack: the retain flag of a message as it was
+// published, an agreement on the largest packet, which bounds memory, and one on how many messages
+// may be under way, beyond which a broker drops them.
 //
 // The end of a replay is known by an echo: sent when the subscription is confirmed, it comes back
-// behind all that the broker had to send before, and if the broker dropped any of it for want of
-// room, the echo is dropped as well.
-//
-// A session is a clean one. What was missed is in the replay, and a kept session would only add
-// states in between.
+// behind all that the broker had to send before. docs/fleet.md has the reasons.
 class Broker {
 public:
     using Clock = std::chrono::steady_clock;
@@ -46,7 +40,7 @@ public:
     // Publishes a retained message, on a connection.
     void publish(const std::string& topic, const std::string& payload);
 
-    // Says goodbye, with time for what was published before.
+    // Says goodbye; the broker publishes the last will all the same.
     void close();
 
     // Until when the alarms are known to be the broker's: the time at which an echo came back last,
@@ -60,7 +54,6 @@ public:
 
 private:
     void connect();
-    void waitBeforeNext();
     std::string reasonOf(int result);
     void tellProblem(const std::string& problem);
     void tellRefusals(Clock::time_point now);
@@ -82,11 +75,9 @@ private:
     bool subscribed = false;
     bool publishRefused = false;
     Clock::time_point heard;
-    Clock::time_point connectedSince;
     Clock::time_point replayBegan;
     Clock::time_point nextAttempt;
     Clock::time_point nextEcho;
-    std::chrono::seconds delay;
     std::string lastProblem;  // that was told, until it is over
     std::string libraryError;
     unsigned echoes = 0;

@@ -1,5 +1,4 @@
 #include <getopt.h>
-#include <sys/stat.h>
 #include <sysexits.h>
 
 #include <csignal>
@@ -21,7 +20,6 @@ using Clock = Broker::Clock;
 // The daemon looks once a second; twice as often keeps the delay short, and a version's time, which
 // counts up by a second, near the clock's.
 constexpr milliseconds writeInterval{500};
-constexpr milliseconds retryInterval{2000};
 constexpr milliseconds lookInterval{1000};
 
 constexpr const char* help =
@@ -52,25 +50,17 @@ public:
             logError("cannot update the alarms file: %s", file.problem.c_str());
         }
         lastProblem = done ? "" : file.problem;
-        isAsLeft();
+        left = modificationTime(settings.alarmsFile);
         return done;
     }
 
-    // Whether it is the same as at the last call.
-    bool isAsLeft() {
-        struct stat now = {};
-        if (stat(settings.alarmsFile.c_str(), &now) != 0) now = {};
-        const bool same = now.st_ino == left.st_ino && now.st_size == left.st_size &&
-                          now.st_mtim.tv_sec == left.st_mtim.tv_sec &&
-                          now.st_mtim.tv_nsec == left.st_mtim.tv_nsec;
-        left = now;
-        return same;
-    }
+    // Whether nobody else has changed it, by the rule by which the daemon tells.
+    bool isAsLeft() const { return modificationTime(settings.alarmsFile) == left; }
 
 private:
     const BridgeSettings& settings;
     std::string lastProblem;
-    struct stat left = {};
+    std::time_t left = 0;
 };
 
 // The alarm that the bridge raises itself, or an empty section.
@@ -95,12 +85,14 @@ int bridge(const BridgeSettings& settings) {
 
     IniSection own;
     bool isUpToDate = false;
+    bool hasNews = false;
     Clock::time_point nextWrite;
     Clock::time_point nextLook;
     Clock::time_point nextReplay;
     while (stopped == 0) {
         const auto wait = std::chrono::ceil<milliseconds>(nextWrite - Clock::now());
-        broker.run(isUpToDate ? lookInterval : std::clamp(wait, milliseconds(0), lookInterval));
+        const bool isWaiting = !isUpToDate && hasNews;
+        broker.run(isWaiting ? std::clamp(wait, milliseconds(0), lookInterval) : lookInterval);
 
         const auto now = Clock::now();
         const bool isTimeToLook = now >= nextLook;
@@ -114,17 +106,16 @@ int bridge(const BridgeSettings& settings) {
         }
         own = ownNow;
         // Before the first replay an own alarm in the file is an earlier bridge's, perhaps true.
-        const bool hasNews = retained.isKnown() || !own.empty();
-        if (!isUpToDate && hasNews && now >= nextWrite) {
+        hasNews = retained.isKnown() || !own.empty();
+        const bool isTimeToWrite = !isUpToDate && hasNews && now >= nextWrite;
+        if (isTimeToWrite) {
             IniFile::Sections wanted;
             if (retained.isKnown()) wanted = sectionsOf(retained.alarms(), settings.prefix);
             if (!own.empty()) wanted[settings.prefix] = own;
             isUpToDate = file.update(wanted, retained.isKnown());
-            nextWrite = Clock::now() + (isUpToDate ? writeInterval : retryInterval);
-            status.update(isUpToDate);
-        } else if (isTimeToLook) {
-            status.update(isUpToDate);
+            nextWrite = Clock::now() + writeInterval;
         }
+        if (isTimeToWrite || isTimeToLook) status.update(isUpToDate);
         // Of the alarms beyond the limit it is not known otherwise which have ended.
         if (!retained.excessKey().empty() && now >= nextReplay) {
             nextReplay = now + seconds(settings.silenceSeconds);
@@ -140,34 +131,21 @@ void onStop(int) { stopped = 1; }
 }  // namespace
 
 int main(int argc, char* argv[]) {
-    static constexpr option options[] = {
+    int clear = 0;
+    const option options[] = {
         {"config", required_argument, nullptr, 'c'},
-        {"clear", no_argument, nullptr, 'C'},
+        {"clear", no_argument, &clear, 1},
         {"help", no_argument, nullptr, 'h'},
         {"version", no_argument, nullptr, 'v'},
         {nullptr, 0, nullptr, 0},
     };
     std::string path = "/etc/pinwatchd-mqtt.conf";
-    bool clear = false;
-    for (;;) {
-        const int given = getopt_long(argc, argv, "", options, nullptr);
-        if (given == -1) break;
-        switch (given) {
-            case 'c':
-                path = optarg;
-                break;
-            case 'C':
-                clear = true;
-                break;
-            case 'h':
-                std::fputs(help, stdout);
-                return EX_OK;
-            case 'v':
-                std::puts("pinwatchd-mqtt " PINWATCHD_VERSION);
-                return EX_OK;
-            default:  // getopt_long has said it
-                return EX_USAGE;
-        }
+    for (int given = 0; given != -1; given = getopt_long(argc, argv, "", options, nullptr)) {
+        if (given == 'c') path = optarg;
+        if (given == 'h') std::fputs(help, stdout);
+        if (given == 'v') std::puts("pinwatchd-mqtt " PINWATCHD_VERSION);
+        if (given == 'h' || given == 'v') return EX_OK;
+        if (given == '?') return EX_USAGE;  // getopt_long has said it
     }
     if (optind < argc) {
         std::fputs(help, stderr);
@@ -178,7 +156,7 @@ int main(int argc, char* argv[]) {
     SysLog::instance()->configure(LOG_CONS | LOG_ODELAY, LOG_DAEMON, true);
     BridgeSettings settings;
     if (!readBridgeSettings(path, settings)) return EX_CONFIG;
-    if (clear) return AlarmsFile(settings).update({}, true) ? EX_OK : EX_IOERR;
+    if (clear != 0) return AlarmsFile(settings).update({}, true) ? EX_OK : EX_IOERR;
 
     struct sigaction action = {};
     action.sa_handler = onStop;

@@ -27,5 +27,3 @@ void RetainedAlarms::endReplay() {
     known = true;
     changed = true;
 }
-
-bool RetainedAlarms::takeChanged() { return std::exchange(changed, false); }

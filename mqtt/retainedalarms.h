@@ -2,6 +2,7 @@
 
 #include <map>
 #include <string>
+#include <utility>
 
 #include "alarmmessage.h"
 
@@ -34,7 +35,7 @@ public:
     // none since the last replay.
     const std::string& excessKey() const { return current.excessKey; }
     // Whether there is news since this was asked last.
-    bool takeChanged();
+    bool takeChanged() { return std::exchange(changed, false); }
 
 private:
     struct State {

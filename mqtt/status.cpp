@@ -11,8 +11,10 @@
 
 namespace {
 
-constexpr std::size_t longestLine = 300;
-constexpr std::time_t unitSeconds = 300;  // after which its file is too old
+constexpr std::size_t longestLine = 255;  // as Home Assistant takes it
+// Written by root, who alone can tell, each minute.
+constexpr const char* unitFile = "/run/pinwatchd-unit";
+constexpr std::time_t unitSeconds = 300;  // after which it is too old
 
 std::string alarmOf(const std::string& path) {
     static constexpr const char* names[] = {"none", "ALARM1", "ALARM2"};
@@ -21,12 +23,12 @@ std::string alarmOf(const std::string& path) {
     return names[evaluateAlarmMask(alarms)];
 }
 
-std::string unitOf(const std::string& path) {
+std::string unitState() {
     struct stat status = {};
     std::string text;
-    if (stat(path.c_str(), &status) != 0) return "";
+    if (stat(unitFile, &status) != 0) return "";
     if (status.st_mtime + unitSeconds < std::time(nullptr)) return "unknown";
-    readText(path, text);
+    readText(unitFile, text);
     return oneLine(text.substr(0, text.find('\n')), longestLine);
 }
 
@@ -41,7 +43,7 @@ void Status::update(bool fileIsUpToDate) {
     if (toldReplay == 0) return;
     tell(broker.statusTopic("bridge"), "online");
     tell(broker.statusTopic("alarm"), fileIsUpToDate ? alarmOf(settings.alarmsFile) : "unknown");
-    const std::string unit = unitOf(settings.unitFile);
+    const std::string unit = unitState();
     if (!unit.empty()) tell(broker.statusTopic("unit"), unit);
     if (!settings.discovery.empty()) tellDiscovery();
 }

@@ -17,7 +17,7 @@ packagesFor() {
         arm64) echo g++-aarch64-linux-gnu ;;
         armhf) echo g++-arm-linux-gnueabihf ;;
         vm) echo qemu-system-x86 cpio xz-utils ;;
-        broker) echo iproute2 mosquitto mosquitto-clients openssl python3 ;;
+        broker) echo iproute2 mosquitto mosquitto-clients openssl python3-paho-mqtt ;;
         vm-arm64) echo qemu-system-arm ;;
         documents) echo gettext mandoc python3 ;;
         lifecycle) echo lintian systemd uidmap ;;
