@@ -160,7 +160,7 @@ if [ "$(id -u)" -eq 0 ]; then
 os.setxattr("alarms", "system.posix_acl_access", bytes.fromhex(
     "0200000001000600ffffffff020006003930000004000400ffffffff10000600ffffffff20000000ffffffff"))'
     chmod 775 .
-    gives 0 '' raise b
+    gives 0 '' raise c
     expect test "$(stat -c '%u:%g %a' alarms)" = '12345:12345 660'
     expect python3 -c 'import os; os.getxattr("alarms", "system.posix_acl_access")'
 
