@@ -31,6 +31,7 @@ constexpr const char* productMark = "TQ-5";
 constexpr int bothInIoMode = 0xaa;
 constexpr std::int64_t patienceMs = 3000;  // three of the daemon's cycles
 constexpr timespec nap = {0, 20000000};
+constexpr timespec shortNap = {0, 2000000};  // for what is measured
 constexpr std::size_t maxSources = 5;
 
 // What is waited for just now, in case it does not come.
@@ -102,20 +103,16 @@ Alarms readAlarms(const IniFile& file) {
     const std::string key = alarms.text;
     std::deque<std::string> names;
     file.sectionNames(names);
-    std::size_t listed = 0;
-    std::size_t more = 0;
+    std::size_t raising = 0;
     for (const std::string& name : names) {
         if (!file.hasKey(name, alarmKeys[0]) && !file.hasKey(name, alarmKeys[1])) continue;
         ++alarms.sources;
         if (!file.hasKey(name, key)) continue;
-        if (listed < maxSources) {
-            alarms.text += (listed == 0 ? " of " : ", ") + name;
-            ++listed;
-        } else {
-            ++more;
-        }
+        if (++raising <= maxSources) alarms.text += (raising == 1 ? " of " : ", ") + name;
     }
-    if (more > 0) alarms.text += " and " + std::to_string(more) + " more";
+    if (raising > maxSources) {
+        alarms.text += " and " + std::to_string(raising - maxSources) + " more";
+    }
     return alarms;
 }
 
@@ -327,7 +324,7 @@ void awaitShown(const std::string& path, std::int64_t ms) {
         const UsbDevice unit = daemons.empty() ? UsbDevice() : openedDevice(daemons.front());
         if (!unit.node.empty() && readPins(unit) == pinValues[evaluateAlarmMask(IniFile(path))])
             return;
-        nanosleep(&nap, nullptr);
+        nanosleep(&shortNap, nullptr);
     }
 }
 

@@ -24,8 +24,7 @@ constexpr const char* ownText =
     "by 'pinwatchd-alarm test'; if it stays, that was killed, and the next one clears it";
 constexpr const char* figureNames[] = {" none=", "alarm1=", " alarm2="};
 constexpr std::int64_t patienceMs = 3000;
-constexpr timespec shortNap = {0, 2000000};
-constexpr timespec longNap = {0, 50000000};
+constexpr timespec nap = {0, 50000000};
 
 volatile std::sig_atomic_t stopSignal = 0;
 
@@ -70,21 +69,11 @@ std::string inSeconds(std::int64_t ms) {
     return text;
 }
 
-// Waits until the unit shows the alarm. False if it takes longer than the daemon may take.
-bool isShown(const UsbDevice& unit, AlarmMask mask) {
-    const std::int64_t end = nowMs() + patienceMs;
-    while (readPins(unit) != pinValues[mask]) {
-        if (nowMs() >= end) return false;
-        nanosleep(&shortNap, nullptr);
-    }
-    return true;
-}
-
 // Waits so long, less if another alarm is raised or a signal comes.
 void hold(const std::string& path, std::int64_t ms) {
     const std::int64_t end = nowMs() + ms;
     while (nowMs() < end && stopSignal == 0 && alarmOfOthers(path) == 0) {
-        nanosleep(&longNap, nullptr);
+        nanosleep(&nap, nullptr);
     }
 }
 
@@ -132,8 +121,9 @@ int lampTest(const std::string& path, unsigned seconds,
     const auto shows = [&](AlarmMask mask) {
         const std::int64_t began = nowMs();
         change(path, showing(mask));
-        const bool reached = isShown(unit, mask);
+        awaitShown(path, patienceMs);
         const std::string delay = inSeconds(nowMs() - began);
+        const bool reached = readPins(unit) == pinValues[mask];
         if (reached) {
             std::printf("%s s: CBUS0 %s, CBUS1 %s, %s\n", delay.c_str(), levelName(mask, 0),
                         levelName(mask, 1), alarmNames[mask]);

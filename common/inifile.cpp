@@ -20,6 +20,7 @@
 namespace {
 
 constexpr int readBufferSize = 512;
+constexpr std::size_t reserveSize = std::size_t{256} * 1024;
 constexpr const char* sectionSet = "[] \t\r";
 constexpr const char* quoteSet = "\"";
 
@@ -47,37 +48,32 @@ bool readFile(const std::string& path, std::string& text) {
     return complete;
 }
 
+void* reserve = nullptr;  // one file is loaded at a time
+
+[[noreturn]] void giveReserveBack() {
+    std::free(reserve);
+    reserve = nullptr;
+    throw std::bad_alloc();
+}
+
 // Room in memory that is held while a file is loaded. An allocation that fails gives it back, for
 // throwing takes memory too: the C++ library's own reserve is made at its start, which in a static
 // link comes after the documents. Where all was loaded, it is left for the rest of the program.
 class Reserve {
 public:
-    Reserve() : handlerBefore(std::set_new_handler(fail)) { memory = std::malloc(size); }
+    Reserve() : handlerBefore(std::set_new_handler(giveReserveBack)) {
+        reserve = std::malloc(reserveSize);
+    }
     ~Reserve() {
-        giveBack();
+        std::free(reserve);
         std::set_new_handler(handlerBefore);
     }
     Reserve(const Reserve&) = delete;
     Reserve& operator=(const Reserve&) = delete;
 
-    bool isHeld() const { return memory != nullptr; }
-
 private:
-    static constexpr std::size_t size = std::size_t{256} * 1024;
-    static void giveBack() {
-        std::free(memory);
-        memory = nullptr;
-    }
-    [[noreturn]] static void fail() {
-        giveBack();
-        throw std::bad_alloc();
-    }
-
-    static void* memory;  // one file is loaded at a time
     std::new_handler handlerBefore;
 };
-
-void* Reserve::memory = nullptr;
 
 void listNames(const IniFile::Sections& sections, std::deque<std::string>& names) {
     names.clear();
@@ -121,8 +117,8 @@ IniFile::IniFile(const std::string& primary, const std::string& overlay)
 }
 
 bool IniFile::load(const std::string& path) {
-    const Reserve reserve;
-    if (!reserve.isHeld()) return false;
+    const Reserve held;
+    if (!reserve) return false;
     try {
         std::string text;
         if (!readFile(path, text)) return false;

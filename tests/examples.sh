@@ -4,14 +4,9 @@
 [ "${1:-}" != --help ] || exec echo "usage: tests/examples.sh"
 set -eux
 if [ "${1:-}" != inside ]; then
-    # Mounts of its own, for a small disk; without root those of a user namespace.
-    namespaces=(--mount)
-    [ "$(id -u)" -eq 0 ] || namespaces+=(--map-root-user)
-    if ! unshare "${namespaces[@]}" true; then
-        echo "examples.sh: skipped, needs root or user namespaces"
-        exit 77
-    fi
-    exec unshare "${namespaces[@]}" "$0" inside
+    # Mounts of its own, for a small disk.
+    unshare --mount --map-root-user true || { echo "examples.sh: skipped, needs user namespaces" && exit 77; }
+    exec unshare --mount --map-root-user "$0" inside
 fi
 publish=$(dirname "$(realpath "$0")")/../docs/examples/publish.py
 disk=$(mktemp -d)

@@ -10,8 +10,6 @@
 #include <cstring>
 #include <string>
 
-#include "alarmmask.h"
-
 namespace {
 
 void check(bool holds) {
@@ -38,7 +36,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     checkLoads(document, {reinterpret_cast<const char*>(data), size});
 
     std::string text;
-    AlarmMask mask = 0;
     for (const auto& [name, keys] : document.sections) {
         check(isTrimmed(name, "[] \t\r") && !keys.empty());
         if (!name.empty()) text.append("[").append(name).append("]\n");
@@ -54,10 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             check(*quote || isTrimmed(value, blanks));
             text.append(key).append("=").append(quote).append(value).append(quote).append("\n");
         }
-        if (document.hasKey(name, "alarm2")) mask = 2;
-        if (document.hasKey(name, "alarm1") && mask == 0) mask = 1;
     }
-    check(evaluateAlarmMask(document) == mask);
 
     IniFile again("");
     checkLoads(again, text);

@@ -23,20 +23,16 @@ std::function<void()> onAllocation;
 
 }  // namespace
 
-// Not inlined, or gcc takes the pair for mismatched where it sees only one half.
+// Not inlined, or gcc takes it and what it leaves as it is for mismatched.
 __attribute__((noinline)) void* operator new(std::size_t size) {
     if (onAllocation) std::exchange(onAllocation, nullptr)();
     if (allocationsLeft >= 0 && allocationsLeft-- == 0) throw std::bad_alloc();
     if (void* memory = std::malloc(size)) return memory;
     throw std::bad_alloc();
 }
-__attribute__((noinline)) void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return std::malloc(size);
-}
-__attribute__((noinline)) void operator delete(void* memory) noexcept { std::free(memory); }
-__attribute__((noinline)) void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
+
+// So does AddressSanitizer.
+extern "C" const char* __asan_default_options() { return "alloc_dealloc_mismatch=0"; }
 
 namespace {
 
