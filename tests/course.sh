@@ -76,7 +76,7 @@ END
 
 # README's figures times two, in ms: from plugging in to the pins, mean; from the alarm, mean and longest.
 plugMean=1070 alarmMean=1046 alarmLongest=2040
-timely=10 # hundredths of a second: so long a look takes at worst on a machine that has the time
+timely=5 # hundredths of a second: so long a look takes at worst on a machine that has the time
 times=/run/times
 overlayFile=/var/opt/orvel/etc/orvel.conf
 cycle='wait for vid=0000'
