@@ -7,6 +7,7 @@
 
 namespace {
 
+const char* const opening = "open 004";
 const char* const cycle = "<7>wait for vid=0000";
 const char* const waiting = "<7>wait for vid=0403";
 
@@ -75,22 +76,22 @@ protected:
 
 TEST_F(AlarmDaemonTest, TakesWhatComesWithTheOpeningForTheArrival) {
     world.attach("004");
-    EXPECT_EQ(run({{"open", [&] { usb("bind"); }},
+    EXPECT_EQ(run({{opening, [&] { usb("bind"); }},
                    {cycle, [] {}},
                    {cycle, [&] { usb("change"); }},
                    {cycle, stop}}),
               "find open 3 off close wait find open 3 off close end");
-    EXPECT_EQ(run({{"open", [&] { usb("remove"); }}, {waiting, stop}}),
+    EXPECT_EQ(run({{opening, [&] { usb("remove"); }}, {waiting, stop}}),
               "find open 3 off close wait end");
 }
 
 TEST_F(AlarmDaemonTest, LooksForTheNodeAfterAFailedWrite) {
     world.attach("004");
-    const auto leave = [&] {
-        putNode("");
-        send("x");
-    };
-    for (const char* moment : {"open", cycle}) {
+    for (const char* moment : {opening, cycle}) {
+        const auto leave = [&] {
+            putNode("");
+            if (moment == cycle) send("x");
+        };
         putNode("/dev/bus/usb/001/004");
         world.results["bitmode"] = {-1};
         EXPECT_EQ(run({{moment, leave}, {"<7>wait device inserted", stop}}),
