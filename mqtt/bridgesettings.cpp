@@ -83,17 +83,17 @@ constexpr NumberSetting numbers[] = {
 // Why an assignment cannot be used, or null.
 const char* take(BridgeSettings& settings, const std::string& section, const std::string& key,
                  const std::string& value) {
-    const auto isMeant = [&](const auto& setting) {
-        return strcasecmp(setting.section, section.c_str()) == 0 &&
-               strcasecmp(setting.key, key.c_str()) == 0;
+    const auto isMeant = [&](const char* knownSection, const char* knownKey) {
+        return strcasecmp(knownSection, section.c_str()) == 0 &&
+               strcasecmp(knownKey, key.c_str()) == 0;
     };
     for (const TextSetting& setting : texts) {
-        if (!isMeant(setting)) continue;
+        if (!isMeant(setting.section, setting.key)) continue;
         settings.*setting.value = value;
         return setting.isGood(value) ? nullptr : setting.problem;
     }
     for (const NumberSetting& setting : numbers) {
-        if (!isMeant(setting)) continue;
+        if (!isMeant(setting.section, setting.key)) continue;
         int& number = settings.*setting.value;
         if (!toInt(value, number, 10)) return "is not a number";
         return number >= setting.least && number <= setting.most ? nullptr : "is out of range";

@@ -5,6 +5,7 @@ Faults for a running pinwatchd-mqtt, with the real broker, in namespaces of thei
 everything ends. After each, the file must raise what the broker holds, and what others raised. With
 TEXT only the faults with this text."""
 import fcntl
+import json
 import os
 import pty
 import re
@@ -62,7 +63,8 @@ def start_bridge(*settings):
     """With these settings of the broker's section. A terminal sees what goes to the system log."""
     global bridge
     with open("conf", "w") as conf:
-        print("[alarms]", f"File={os.getcwd()}/alarms", f"Limit={LIMIT}", "[status]", "Name=lamp",
+        print("[alarms]", f"File={os.getcwd()}/alarms", f"Limit={LIMIT}",
+              "[status]", "Name=lamp", "Discovery=homeassistant",
               "[broker]", "Host=10.0.0.1", f"Silence={SILENCE}", "User=bridge", "PasswordFile=right",
               *settings, sep="\n", file=conf)
     terminal, end = pty.openpty()
@@ -301,7 +303,7 @@ files = {
     "wrong": "wrong",
     "passwords": "admin:right\nbridge:right\nreader:right\n",
     "rights": f"user admin\ntopic readwrite #\nuser reader\ntopic read #\nuser bridge\n"
-              f"topic read {TOPIC}/#\ntopic readwrite pinwatchd/status/lamp/#\n",
+              f"topic read {TOPIC}/#\ntopic readwrite pinwatchd/status/lamp/#\ntopic write homeassistant/#\n",
     "broker.conf": f"user root\npassword_file passwords\nacl_file rights\npersistence true\n"
                    f"persistence_location {os.getcwd()}/store/\nautosave_interval 1\nlistener 1883\n"
                    "listener 8883\ncertfile own.crt\nkeyfile own.key\n",
@@ -328,7 +330,8 @@ for fault, *arguments in FAULTS:
         raise
     print(f"ok {title}, {time.monotonic() - began:.0f} s, {len(expected)} alarms", flush=True)
 stop(bridge, SIGTERM)
-assert status_is("bridge", "offline"), "is not offline"
-assert only or status_is("alarm", "ALARM2"), "tells another alarm"
+sensor = json.loads(received("homeassistant/sensor/pinwatchd_lamp/alarm/config", "-C", "1"))
+assert received(sensor["availability_topic"], "-C", "1") == "offline\n", "is not offline"
+assert only or received(sensor["state_topic"], "-C", "1") == "ALARM2\n", "tells another alarm"
 output(program, "--config", "conf", "--clear")
 assert raised() == {"[local] alarm1"}, "did not clear its own alone"

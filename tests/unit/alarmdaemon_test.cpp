@@ -1,13 +1,13 @@
 #include "alarmdaemon.h"
 
 #include <csignal>
-#include <cstdio>
 
 #include "daemonstate.h"
 #include "world.h"
 
 namespace {
 
+const char* const opening = "open 004";
 const char* const cycle = "<7>wait for vid=0000";
 const char* const waiting = "<7>wait for vid=0403";
 
@@ -24,31 +24,22 @@ protected:
     void SetUp() override {
         KernelEventsTest::SetUp();
         signal(SIGPIPE, SIG_IGN);
-        write("settings", "[cu/params/3]\nLogDebug=3", 1);
-        DaemonState::settings = IniFile(folder + "/settings");
+        DaemonState::settings = IniFile(write("settings", "[cu/params/3]\nLogDebug=3", 1));
         DaemonState::alarms = IniFile(folder + "/alarms");
     }
 
-    void alarm(const std::string& text) { write("alarms", text, ++alarmsMtime); }
     void usb(const char* action) const { send(usbEvent(action, "004")); }
-    // Fills the socket's buffer, so that the events that follow are lost.
-    void flood() const {
-        for (int i = 0; i < 100; ++i) send("x");
-    }
 
     // What was seen of the unit and the loop, a word for each line of the table.
     std::string run(const std::vector<Step>& script) {
         static const std::pair<const char*, const char*> words[] = {
-            {"<3>bind socket: Address already in use", "deaf"},
             {"find_all", "find"},
             {"open 004", "open"},
-            {"bitmode 31 20", "1"},
             {"bitmode 33 20", "3"},
             {"disable_bitbang", "off"},
             {"usb_close", "close"},
             {"ftdi_deinit", "end"},
             {"<7>wait device inserted", "wait"},
-            {"<7>look for", "rescan"},
             {"<7>device node /dev/bus/usb/001/004 is gone", "gone"},
         };
         DaemonState::running = 0;
@@ -80,79 +71,32 @@ protected:
 
     static void stop() { raise(SIGTERM); }
 
-    std::time_t alarmsMtime = 100;
     int cycles = 0;
 };
 
-TEST_F(AlarmDaemonTest, TurnsAUnitAwayThreeTimesWhereEventsAreLost) {
-    const auto leave = [&] {
-        world.attached.clear();
-        putNode(false);
-        send("x");
-    };
-    const auto arriveUnheard = [&] {
-        world.attach("004");
-        putNode(true);
-        flood();
-    };
-    world.attach("004");
-    world.results["open"] = std::deque<int>(4, -1);
-    const char* const passedOver = "<7>checking";
-    EXPECT_EQ(run({{waiting, [&] { flood(); }},
-                   {"open", [] {}},
-                   {"open", [&] { flood(); }},
-                   {passedOver, [&] { usb("add"); }},  // reported, it is opened all the same
-                   {"open", [] {}},
-                   {waiting, leave},
-                   {waiting, arriveUnheard},  // another unit, after a round of all numbers
-                   {cycle, stop}}),
-              "find open wait rescan find open wait rescan find open wait rescan find wait find "
-              "open wait rescan find open 3 off close end");
-}
-
-TEST_F(AlarmDaemonTest, RescansAgainWhenNothingCouldBeListed) {
-    world.results["find_all"] = {0, -1};
-    EXPECT_EQ(run({{waiting,
-                    [&] {
-                        world.attach("004");
-                        flood();
-                    }},
-                   {cycle, stop}}),
-              "find wait rescan find wait rescan find open 3 off close end");
-}
-
 TEST_F(AlarmDaemonTest, TakesWhatComesWithTheOpeningForTheArrival) {
     world.attach("004");
-    EXPECT_EQ(run({{"open", [&] { usb("bind"); }},
+    EXPECT_EQ(run({{opening, [&] { usb("bind"); }},
                    {cycle, [] {}},
                    {cycle, [&] { usb("change"); }},
                    {cycle, stop}}),
               "find open 3 off close wait find open 3 off close end");
-    EXPECT_EQ(run({{"open", [&] { usb("remove"); }}, {waiting, stop}}),
+    EXPECT_EQ(run({{opening, [&] { usb("remove"); }}, {waiting, stop}}),
               "find open 3 off close wait end");
 }
 
-TEST_F(AlarmDaemonTest, LooksForTheNodeOnceAllEventsAreHandled) {
+TEST_F(AlarmDaemonTest, LooksForTheNodeAfterAFailedWrite) {
     world.attach("004");
-    for (const bool reported : {true, false}) {
-        putNode(true);
-        world.results["bitmode"] = std::deque<int>(reported ? 2 : 1, -1);
-        EXPECT_EQ(run({{cycle,
-                        [&] {
-                            putNode(false);
-                            send("x");
-                            if (reported) usb("remove");
-                        }},
-                       {"<7>wait device inserted", [] {}},
-                       {reported ? waiting : cycle, stop}}),
-                  reported ? "find open 3 3 close wait end"
-                           : "find open 3 gone close wait rescan find open 3 off close end");
+    for (const char* moment : {opening, cycle}) {
+        const auto leave = [&] {
+            putNode("");
+            if (moment == cycle) send("x");
+        };
+        putNode("/dev/bus/usb/001/004");
+        world.results["bitmode"] = {-1};
+        EXPECT_EQ(run({{moment, leave}, {"<7>wait device inserted", stop}}),
+                  "find open 3 gone close wait end");
     }
-    // It left during the opening.
-    putNode(true);
-    world.results["bitmode"] = {-1};
-    EXPECT_EQ(run({{"open", [&] { putNode(false); }}, {"<7>wait device inserted", stop}}),
-              "find open 3 gone close wait end");
     // Where there was no node at the opening, nothing can be told.
     world.results["bitmode"] = {-1};
     EXPECT_EQ(run({{"bitmode", [] {}}, {"bitmode", [] {}}, {cycle, stop}}),
@@ -172,21 +116,6 @@ TEST_F(AlarmDaemonTest, HonoursAStopRequestAtAnyMoment) {
     world.results["bitmode"] = {-1};
     EXPECT_EQ(run({{"bitmode", stop}}), "find open 3 close end");
     EXPECT_EQ(cycles, 0);
-}
-
-TEST_F(AlarmDaemonTest, LooksOnceASecondWithoutASocket) {
-    const UeventMonitor holder;  // of the process's netlink address
-    const std::time_t start = std::time(nullptr);
-    EXPECT_EQ(run({{waiting, [] {}},
-                   {waiting, [&] { world.attach("004"); }},
-                   {cycle, [&] { alarm("ALARM1="); }},
-                   {cycle, [&] { putNode(false); }},
-                   {cycle, [&] { putNode(true); }},
-                   {cycle, stop}}),
-              "deaf find wait rescan find wait rescan find open 3 1 gone off close wait rescan "
-              "find open 1 off "
-              "close end");
-    EXPECT_GE(std::time(nullptr) - start, 4);  // a second each for what was waited for
 }
 
 }  // namespace

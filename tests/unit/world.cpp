@@ -38,7 +38,7 @@ bool enterOwnSystem() {
         std::ofstream("/proc/self/gid_map") << "0 " << group << " 1";
     }
     return mount("", "/", "", MS_PRIVATE | MS_REC, "") == 0 &&
-           mount("", "/dev", "tmpfs", 0, "") == 0;
+           mount("", "/dev", "tmpfs", 0, "") == 0 && mount("", "/proc/bus", "tmpfs", 0, "") == 0;
 }
 
 }  // namespace
@@ -98,7 +98,7 @@ std::string WorldTest::write(const std::string& name, const std::string& text,
 void KernelEventsTest::SetUp() {
     static const bool ownSystem = enterOwnSystem();
     if (!ownSystem) GTEST_SKIP() << "namespaces need root here";
-    putNode(true);
+    putNode("/dev/bus/usb/001/004");
     DaemonState::stopRequested = 0;
     sender = socket(AF_NETLINK, SOCK_RAW, NETLINK_KOBJECT_UEVENT);
     sockaddr_nl address = {};
@@ -124,11 +124,11 @@ std::string KernelEventsTest::usbEvent(const std::string& action, const std::str
            "|DEVTYPE=usb_device|BUSNUM=001|DEVNUM=" + devnum + "|";
 }
 
-void KernelEventsTest::putNode(bool present) const {
-    std::filesystem::remove_all("/dev/bus");
-    if (!present) return;
-    std::filesystem::create_directories("/dev/bus/usb/001");
-    std::ofstream("/dev/bus/usb/001/004");
+void KernelEventsTest::putNode(const std::string& node) {
+    for (const char* root : {"/dev/bus/usb", "/proc/bus/usb"}) std::filesystem::remove_all(root);
+    if (node.empty()) return;
+    std::filesystem::create_directories(std::filesystem::path(node).parent_path());
+    std::ofstream{node};
 }
 
 void KernelEventsTest::putSysfs(const std::string& vendor, const std::string& product) const {

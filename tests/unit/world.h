@@ -68,8 +68,8 @@ protected:
     // An event of a USB device of bus 001 whose sysfs directory is the test's folder.
     std::string usbEvent(const std::string& action, const std::string& devnum) const;
 
-    // Creates or removes the device node 001/004.
-    void putNode(bool present) const;
+    // Makes this the only device node; none if it is empty.
+    static void putNode(const std::string& node);
 
     // Writes the sysfs files of the device.
     void putSysfs(const std::string& vendor, const std::string& product) const;
