@@ -108,7 +108,7 @@ TEST_F(MonitorTest, TakesNoDescriptorBeyondSelectsSets) {
     EXPECT_EQ(world.take(), "<3>create socket: Too many open files|");
     EXPECT_FALSE(monitor.checkRemoved("001/004"));
     EXPECT_TRUE(monitor.takeHeard());  // nothing tells
-    EXPECT_EQ(dup(0), FD_SETSIZE);  // nothing was left open
+    EXPECT_EQ(dup(0), FD_SETSIZE);     // nothing was left open
     closefrom(first);
 }
 
