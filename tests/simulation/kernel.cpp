@@ -120,7 +120,9 @@ void Kernel::enumerate(Port& port) {
         std::make_shared<Device>(Device{port.unit, &port, chooseNumber(port.hub->bus)});
     devices.push_back(device);
     device->atStart = !isBound;  // nobody is told of it
-    device->second = rules.open && (rules.open->inSysfs || rules.open->unit != port.unit);
+    // Until its `remove` is sent the open unit is there.
+    const bool isOpen = std::find(devices.begin(), devices.end(), rules.open) != devices.end();
+    device->second = rules.open && (isOpen || rules.open->unit != port.unit);
     send(device, "add");
     const Time untilLocked = world.once(10) ? world.between(0, 30 * millisecond) : 0;
     world.after(untilLocked, [=, &port] {

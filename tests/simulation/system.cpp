@@ -51,6 +51,15 @@ DevicePointer findDevice(const std::string& path) {
     return nullptr;
 }
 
+// A document that was emptied when its time could not be had, and then could not be read, is not
+// read again before the file has another time.
+bool alarmsTimeFailed = false;
+
+void spoilOpened() {
+    if (opened.device) ++opened.device->spoilt;
+    if (opened.file == &files.alarms && alarmsTimeFailed) files.shown = files.written | 1;
+}
+
 int openFile(const std::string& path, bool fails) {
     if (process.fileOpen) world.fail("a file is left open");
     opened = {};
@@ -58,8 +67,10 @@ int openFile(const std::string& path, bool fails) {
     opened.device = opened.file ? nullptr : findDevice(path);
     opened.name = path.substr(path.rfind('/') + 1);
     if (!opened.file && !opened.device) return Call::failure(ENOENT);
-    if (fails && opened.device) ++opened.device->spoilt;
-    if (fails) return Call::failure(EMFILE);
+    if (fails) {
+        spoilOpened();
+        return Call::failure(EMFILE);
+    }
     process.fileOpen = true;
     return fileNumber;
 }
@@ -91,7 +102,7 @@ ssize_t readFile(const Call& call, char* buffer, size_t size) {
 
 ssize_t readStream(void*, char* buffer, size_t size) {
     const Call call("fread");
-    if (call.fails && opened.device) ++opened.device->spoilt;
+    if (call.fails) spoilOpened();
     return readFile(call, buffer, size);
 }
 
@@ -208,6 +219,7 @@ int stat(const char* path, struct stat* status) {
     if (!worldBegan) return Call::failure(ENOENT);
     const Call call("stat");
     const File* file = findFile(path);
+    if (file == &files.alarms) alarmsTimeFailed = call.fails;
     if (call.fails || !file) return Call::failure(call.fails ? EACCES : ENOENT);
     status->st_mtime = file->time;
     return 0;
