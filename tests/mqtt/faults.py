@@ -243,9 +243,12 @@ def many_messages():
 
 
 def cannot_connect(reason, *settings):
-    """An alarm of its own says so, one line of the log why, and it waits."""
+    """An alarm of its own says so beside those known, one line of the log why, and it waits."""
+    publish("a/door", "ALARM1")
+    wait_until(is_raised, "[mqtt/a/door] alarm1")
     restart_bridge(*settings)
     wait_until(is_raised, SILENT)
+    assert is_raised("[mqtt/a/door] alarm1"), "cleared what it does not know"
     wait_until(is_logged, reason)
     assert log.count(reason) == 1, "is told more than once"
     # User and system time, in hundredths of the seconds of silence.
