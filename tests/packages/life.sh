@@ -23,7 +23,7 @@ hasMode() {
 raise() {
     expect silently pinwatchd-alarm --file "$2" clear --all
     expect silently pinwatchd-alarm --file "$2" raise trial "$1"
-    expectPins 0 "$3"
+    await pinsAre 0 "$3"
 }
 
 # Every file with its type, mode, owner and content, but for what the system itself records.
@@ -55,7 +55,7 @@ step() {
 # makeUnit OPTION...: the manual's steps make a unit of this module.
 makeUnit() {
     plug "$@"
-    expectPins 0 floating
+    await pinsAre 0 floating
     rm -rf tq5
     export -f plug
     {
@@ -91,12 +91,12 @@ withSystemd() {
     pid=$(pidof pinwatchd)
     kill -KILL "$pid"
     await restartedFrom "$pid"
-    expectPins 0 01
+    await pinsAre 0 01
     systemctl stop pinwatchd
     [ "$(systemctl show -P Result -P ExecMainStatus pinwatchd | xargs)" = "success 0" ] || fail "orderly stop"
     systemctl start pinwatchd
     pinwatchd-alarm clear --all
-    expectPins 0 03
+    await pinsAre 0 03
     printf '%s\n' '[Unit]' 'OnFailure=pinwatchd-alarm@%n.service' '[Service]' Type=oneshot User=nobody \
         'ExecStart=test -e /vm/good' 'ExecStartPost=-+/usr/bin/pinwatchd-alarm clear -- %n' \
         >/run/systemd/system/my-job.service
@@ -106,11 +106,11 @@ withSystemd() {
     systemctl start my-job
     await alarmTriedAgain
     exec 7<&-
-    expectPins 0 01
+    await pinsAre 0 01
     expect grep -qx '\[my-job.service\]' /run/orvel/alarms
     touch /vm/good
     systemctl start my-job
-    expectPins 0 03
+    await pinsAre 0 03
     eachSecond
     raise ALARM1 /run/orvel/alarms 01
 }
@@ -202,21 +202,21 @@ bridge() {
     pinwatchd-alarm check >/run/pinwatchd-unit
     await told unit 'OK - TQ-5 alarm unit'
     mqttAlarm -m 'ALARM2 open'
-    expectPins 0 02
+    await pinsAre 0 02
     expect hasMode /run/orvel/alarms pinwatchd-mqtt:pinwatchd-mqtt 660
     kill -KILL "$(pidof pinwatchd-mqtt)"
     mqttAlarm -n
     [ -d /run/systemd/system ] || service pinwatchd-mqtt start
-    expectPins 0 03
+    await pinsAre 0 03
     service pinwatchd-mqtt restart
     mqttAlarm -m ALARM1
-    expectPins 0 01
+    await pinsAre 0 01
     expect silently pinwatchd-alarm raise root ALARM2
-    expectPins 0 02
+    await pinsAre 0 02
     expect silently pinwatchd-alarm clear root
     # Nobody would clear what it has raised.
     expect silently dpkg -P pinwatchd-mqtt
-    expectPins 0 03
+    await pinsAre 0 03
     expect hasMode /run/orvel root:root 750
     expect hasMode /run/orvel/alarms root:root 660
     kill "$(pidof mosquitto)"
@@ -248,7 +248,7 @@ done
 . /vm/installation.sh
 startSim
 sim plug 0
-expectPins 0 03
+await pinsAre 0 03
 raise ALARM1 /tmp/orvel/data/alarms 01
 echo "ok served"
 
@@ -258,7 +258,7 @@ await restartedFrom "$pid"
 expect dpkg -V pinwatchd
 expect hasMode "$settingsFile" root:root 640
 expect hasMode ${overlay%/*} root:root 750
-expectPins 0 01
+await pinsAre 0 01
 expect test -e /run/orvel/alarms
 raise ALARM2 /tmp/orvel/data/alarms 02
 expect hasMode /run/orvel root:root 750
@@ -268,7 +268,7 @@ echo 'ALARM2=1' >new
 chmod 600 new
 chown nobody new
 mv new /run/orvel/alarms
-expectPins 0 02
+await pinsAre 0 02
 rm /run/orvel/alarms
 raise ALARM1 /run/orvel/alarms 01
 makeUnit blank
@@ -276,7 +276,7 @@ makeUnit blank product=TQ-5
 makeUnit blank eeprom=10aa
 echo "ok from chip to unit"
 if [ -d /run/systemd/system ]; then withSystemd; else withSysvinit; fi
-expectPins 0 01
+await pinsAre 0 01
 expect silently pinwatchd-alarm check
 echo "ok as a service"
 [ "${1:-}" != --to-service ] || exit 0
@@ -296,7 +296,7 @@ raise ALARM2 /run/orvel/alarms 02
 echo "ok upgraded"
 
 expect silently dpkg -r pinwatchd
-expectPins 0 floating
+await pinsAre 0 floating
 expect grep -qx 'LogDebug = 2' "$settingsFile"
 expect test ! -e /opt/orvel/bin
 expect silently $service start

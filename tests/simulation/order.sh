@@ -4,13 +4,16 @@
 
 seen=/run/seen
 
-# record FAULT COMMAND...: until as many events have come as in the simulation.
+# record FAULT COMMAND...: until as many events have come as in the simulation, for a minute at most.
 record() {
     echo "== $1" >>$seen
     expected=$(($(wc -l <$seen) + $(sed -n "/== $1/,/==/p" /run/order | grep -vc ==)))
     shift
     "$@"
-    becomesTrue 60 recorded || true
+    for _ in $(seq 600); do
+        ! recorded || break
+        usleep 100000
+    done
 }
 
 recorded() {
