@@ -3,7 +3,9 @@
 # may be at the file meanwhile.
 set -eu
 program=$(realpath "$1")
-completion=$(realpath "$(dirname "$0")/../command/pinwatchd-alarm.bash")
+PATH=$(dirname "$program"):$PATH
+# shellcheck source=command/pinwatchd-alarm.bash
+. "$(dirname "$0")/../command/pinwatchd-alarm.bash"
 folder=$(mktemp -d)
 trap 'chmod -R u+rwx "$folder"; rm -rf "$folder"' EXIT
 chmod 755 "$folder"
@@ -80,23 +82,19 @@ gives '[23]' '* - *' check --timeout 30 # no daemon, or not root
 holds ''
 expect test "$(alarm show 2>&1 >/dev/full)" = "pinwatchd-alarm: standard output: No space left on device"
 
-# completes REPLIES WORD...: what the last word is completed to; bash divides at ":" and "=".
-completes() {
-    COMP_WORDS=(pinwatchd-alarm "${@:2}") COMP_CWORD=$(($# - 1)) COMPREPLY=()
-    PATH=$(dirname "$program"):$PATH _pinwatchd_alarm
-    expect test "${COMPREPLY[*]}" = "$1"
-}
-# shellcheck source=command/pinwatchd-alarm.bash
-. "$completion"
 gives 0 '' raise 'back up'
 gives 0 '' raise a:b
-completes 'raise clear show check test' ''
-completes '--wait' --file alarms raise --w
-completes 'a:b back\ up' --file alarms clear ''
-completes 'back\ up' --file = alarms clear 'back\ '
-completes '"back up' --file alarms clear '"b'
-completes 'b' --file alarms raise a :
-completes 'ALARM1 ALARM2' raise a : b a
+# completes LINE REPLIES
+completes() {
+    COMP_LINE="pinwatchd-alarm $1" COMP_POINT=${#COMP_LINE} COMPREPLY=()
+    _pinwatchd_alarm
+    expect test "${COMPREPLY[*]}" = "$2"
+}
+completes '' 'raise clear show check test'
+completes 'raise --file alarms --w' --wait
+completes '--file alarms clear ba' 'back\ up'
+completes '--file alarms raise a:' b
+completes 'raise back\ up a' 'ALARM1 ALARM2'
 
 # ---- What else the file may be, and what may fail ----
 
