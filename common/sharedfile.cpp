@@ -126,10 +126,9 @@ bool SharedFile::fillNew(int newFile, int oldFile, const std::string& text) cons
     if (write(newFile, text.data(), text.size()) != static_cast<ssize_t>(text.size())) return false;
     // Counted up where the clock is not ahead, so that no time comes back. What times a file had
     // that is gone nobody knows; this one it cannot have had.
-    timespec times[] = {{0, UTIME_OMIT}, {std::time(nullptr), 0}};
-    times[1].tv_sec = oldFile >= 0
-                          ? std::max(times[1].tv_sec, found.st_mtim.tv_sec + 1)
-                          : times[1].tv_sec + day + static_cast<long>(randomNumber() % halfYear);
+    std::time_t time = std::time(nullptr);
+    if (oldFile < 0) time += day + static_cast<long>(randomNumber() % halfYear);
+    const timespec times[] = {{0, UTIME_OMIT}, {std::max(time, found.st_mtim.tv_sec + 1), 0}};
     return futimens(newFile, times) == 0 && fsync(newFile) == 0;
 }
 
@@ -173,13 +172,11 @@ bool SharedFile::isUnchanged() const {
 }
 
 SharedFile::Outcome SharedFile::fail(int error) {
-    const bool noInput = error == ENOENT || error == ENOTDIR || error == ELOOP;
-    const bool noRight = error == EACCES || error == EPERM || error == EROFS;
-    const bool noRoom = error == ENOSPC || error == EDQUOT;
-    return fail(std::strerror(error), noInput   ? EX_NOINPUT
-                                      : noRight ? EX_NOPERM
-                                      : noRoom  ? EX_CANTCREAT
-                                                : EX_IOERR);
+    int exitStatus = EX_IOERR;
+    if (error == ENOENT || error == ENOTDIR || error == ELOOP) exitStatus = EX_NOINPUT;
+    if (error == EACCES || error == EPERM || error == EROFS) exitStatus = EX_NOPERM;
+    if (error == ENOSPC || error == EDQUOT) exitStatus = EX_CANTCREAT;
+    return fail(std::strerror(error), exitStatus);
 }
 
 SharedFile::Outcome SharedFile::fail(const char* reason, int exitStatus) {
