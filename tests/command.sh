@@ -55,24 +55,25 @@ gives 0 '' raise BACKUP
 gives 0 '' raise backup ALARM1 'exit 23' --wait
 holds "$before"
 gives 1 $'[[]backup]\n    ALARM1 exit 23\nCBUS0 high  CBUS1 low  ALARM1\n*last changed 2*' show
-gives 0 '' raise 'hall:door 2' ALARM2 $'too \t hot\xc2\x9b'
-gives 0 '' raise 'hall:door 2' 2 hot
+gives 0 '' raise 'h:d 2' ALARM2 $'too \t hot\xc2\x9b'
+gives 0 '' raise 'h:d 2' 2 hot
 gives 0 '' raise -- -.mount alarm-2 --help
-holds $'[backup]\nALARM1 = exit 23\n[hall:door 2]\nALARM2 = too \t hot\xc2\x9b\nALARM1 = 2 hot\n[-.mount]\nALARM1 = alarm-2 --help'
+holds $'[backup]\nALARM1 = exit 23\n[h:d 2]\nALARM2 = too \t hot\xc2\x9b\nALARM1 = 2 hot\n[-.mount]\nALARM1 = alarm-2 --help'
 gives 2 $'*ALARM2 too ? hot[?]\nCBUS0 low  CBUS1 high  ALARM2*' show
-for typed in '' --w '--file alarms clear hall:' 'raise --file alarms back\ up a'; do
+for typed in '' --w '--file alarms clear h:' 'raise --file alarms back\ up a'; do
     COMP_LINE="pinwatchd-alarm $typed" COMP_POINT=${#COMP_LINE}
     _pinwatchd_alarm
 done
-expect test "${COMPREPLY[*]}" = 'raise clear show check test --wait door\ 2 ALARM1 ALARM2'
-gives 0 '' clear 'hall:door 2' ALARM1
+expect test "${COMPREPLY[*]}" = 'raise clear show check test --wait d\ 2 ALARM1 ALARM2'
+gives 0 '' clear 'h:d 2' ALARM1
 gives 0 '' clear backup
-holds $'[hall:door 2]\nALARM2 = too \t hot\xc2\x9b\n[-.mount]\nALARM1 = alarm-2 --help'
+holds $'[h:d 2]\nALARM2 = too \t hot\xc2\x9b\n[-.mount]\nALARM1 = alarm-2 --help'
 gives 0 '' clear --all
 holds ''
-for arguments in '' 'lower x' raise clear 'clear a ALARM3' 'clear --all a' 'show a' 'show --wait' 'raise --all a' \
-    'raise a -1' 'clear -.mount' 'raise a ALARM3 hot' 'raise a ALARM2: hot' 'raise a ALARM2=hot' 'raise a alarm-2' \
-    'raise a 1' 'raise a 2' 'check a' 'check --timeout 0' 'check --no-wait' 'test 0' 'test 1 2' 'test --quiet'; do
+for arguments in '' 'lower x' raise clear 'clear a ALARM3' 'clear a ALARM1 x' 'clear --all a' 'show a' \
+    'show --wait' 'show --timeout 9' 'raise --all a' 'raise a -1' 'clear -.mount' 'raise a ALARM3 hot' \
+    'raise a ALARM2: hot' 'raise a alarm-2' 'raise a 1' 'raise a 2' 'check --timeout 0' 'check --no-wait' 'test 0' \
+    'test 1 2' 'test --quiet'; do
     # shellcheck disable=SC2086 # several arguments
     gives 64 'pinwatchd-alarm: *' $arguments
 done
