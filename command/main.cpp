@@ -120,21 +120,16 @@ SharedFile::Edit raising(const std::vector<std::string>& words, bool verbatim) {
         failUsage("the alarm is not ALARM1 or ALARM2; behind -- it is text");
     }
     const std::string key = said ? said : alarmKeys[0];
-    const std::size_t textBegin = said ? 2 : 1;
-    const bool hasText = words.size() > textBegin;
     std::string text;
-    for (std::size_t index = textBegin; index < words.size(); ++index) {
-        if (index > textBegin) text += ' ';
-        text += words[index];
-    }
+    for (std::size_t word = said ? 2 : 1; word < words.size(); ++word) text += ' ' + words[word];
+    const bool hasText = !text.empty();
+    text.erase(0, 1);
     if (iniHeader(section).empty()) {
-        errx(EX_DATAERR,
-             "no section can be named '%s': it has a line feed, or blanks or brackets at an end",
+        errx(EX_DATAERR, "the section '%s' has a line feed, or blanks or brackets at an end",
              printable(section).c_str());
     }
     if (iniAssignment(key, text).empty()) {
-        errx(EX_DATAERR,
-             "no alarm can have the text '%s': it has a line feed, or double quotes at the ends",
+        errx(EX_DATAERR, "the text '%s' has a line feed, or double quotes at the ends",
              printable(text).c_str());
     }
     return [=](std::string& content) {
@@ -150,9 +145,7 @@ SharedFile::Edit raising(const std::vector<std::string>& words, bool verbatim) {
 SharedFile::Edit clearing(const std::vector<std::string>& words, bool all) {
     const char* key = alarmKey(words);
     if (all ? !words.empty() : words.empty()) failUsage("clear needs a section or --all");
-    if (words.size() > 2 || (words.size() == 2 && !key)) {
-        failUsage("what follows the section is not ALARM1 or ALARM2");
-    }
+    if (words.size() > (key ? 2U : 1U)) failUsage("only ALARM1 or ALARM2 may follow the section");
     const std::string section = all ? "" : words[0];
     return [=](std::string& content) {
         IniText ini(content);
@@ -201,15 +194,11 @@ void checkUsage(const std::string& command, const Options& options, std::size_t 
     if (!changes && command != "show" && command != "check" && command != "test") {
         failUsage("the command is not raise, clear, show, check or test");
     }
-    if ((command == "show" || command == "check") && words > 0) {
-        failUsage("show and check take no words");
-    }
-    if (command == "test" && words > 1) failUsage("test takes no words but the seconds");
+    if (!changes && words > (command == "test" ? 1U : 0U)) failUsage("too many words");
     if (options.all && command != "clear") failUsage("--all goes with clear only");
     if (options.wait && !changes) failUsage("--wait goes with raise and clear only");
-    if ((options.quiet || options.timeout) && command != "check") {
-        failUsage("--quiet and --timeout go with check only");
-    }
+    if (options.quiet && command != "check") failUsage("--quiet goes with check only");
+    if (options.timeout && command != "check") failUsage("--timeout goes with check only");
     if (options.noWait && command != "test") failUsage("--no-wait goes with test only");
 }
 

@@ -2,9 +2,6 @@
 
 #include <strings.h>
 
-#include <algorithm>
-#include <utility>
-
 namespace {
 
 bool sameName(const std::string& a, const std::string& b) {
@@ -40,13 +37,12 @@ std::string iniAssignment(const std::string& key, const std::string& value) {
 
 IniText::IniText(std::string text) {
     if (!text.empty() && text.back() != '\n') text += '\n';
+    lineEnd = endOf(text.substr(0, text.find('\n') + 1));
     std::string section;
-    std::size_t begin = 0;
-    while (begin < text.size()) {
-        const std::size_t end = text.find('\n', begin) + 1;
+    for (std::size_t begin = 0, end = 0; begin < text.size(); begin = end) {
+        end = text.find('\n', begin) + 1;
         lines.push_back(read(text.substr(begin, end - begin), section));
         section = lines.back().section;
-        begin = end;
     }
 }
 
@@ -63,38 +59,31 @@ std::string IniText::text() const {
     return result;
 }
 
-std::size_t IniText::find(const std::string& section, const std::string& key) const {
-    std::size_t found = lines.size();
-    for (std::size_t index = 0; index < lines.size(); ++index) {
-        const Line& line = lines[index];
-        if (line.kind == IniLine::assignment && sameName(line.section, section) &&
-            sameName(line.key, key)) {
-            found = index;
-        }
+std::size_t IniText::countTo(const std::string& section, const std::string* key) const {
+    std::size_t count = lines.size();
+    for (; count > 0; --count) {
+        const Line& line = lines[count - 1];
+        const bool counts = key ? line.kind == IniLine::assignment && sameName(line.key, *key)
+                                : line.kind != IniLine::nothing;
+        if (counts && sameName(line.section, section)) break;
     }
-    return found;
+    return count;
 }
 
 const std::string* IniText::value(const std::string& section, const std::string& key) const {
-    const std::size_t index = find(section, key);
-    return index < lines.size() ? &lines[index].value : nullptr;
+    const std::size_t count = countTo(section, &key);
+    return count > 0 ? &lines[count - 1].value : nullptr;
 }
 
 void IniText::set(const std::string& section, const std::string& key, const std::string& newValue) {
     const std::string assignment = iniAssignment(key, newValue);
-    const std::size_t counting = find(section, key);
-    if (counting < lines.size()) {
-        Line& line = lines[counting];
+    if (const std::size_t count = countTo(section, &key)) {
+        Line& line = lines[count - 1];
         line = read(assignment + endOf(line.raw), line.section);
         return;
     }
 
-    const std::string lineEnd = lines.empty() ? "\n" : endOf(lines.front().raw);
-    std::size_t place = lines.size();
-    while (place > 0 && (lines[place - 1].kind == IniLine::nothing ||
-                         !sameName(lines[place - 1].section, section))) {
-        --place;
-    }
+    std::size_t place = countTo(section, nullptr);
     if (place == 0) {
         lines.push_back(read(iniHeader(section) + lineEnd, ""));
         place = lines.size();
@@ -110,18 +99,15 @@ bool IniText::remove(const std::string* section, const std::string& key) {
     for (auto line = lines.rbegin(); line != lines.rend(); ++line) {
         if (line->kind == IniLine::assignment && sameName(line->key, key) &&
             (!section || sameName(line->section, *section))) {
-            line->raw.clear();
+            *line = {};
             removed = headerGoes = true;
         } else if (line->kind == IniLine::header) {
-            if (headerGoes && onlyBlanks) line->raw.clear();
+            if (headerGoes && onlyBlanks) *line = {};
             headerGoes = false;
             onlyBlanks = true;
-        } else if (line->kind == IniLine::assignment || !line->key.empty()) {
+        } else if (!line->key.empty()) {
             onlyBlanks = false;
         }
     }
-    // All at once: one by one takes the square of their number.
-    const auto isGone = [](const Line& line) { return line.raw.empty(); };
-    lines.erase(std::remove_if(lines.begin(), lines.end(), isGone), lines.end());
     return removed;
 }

@@ -39,12 +39,14 @@ private:
         std::string raw;  // with its end
         IniLine kind;
         std::string section;
-        std::string key;  // of an assignment
+        std::string key;  // of an assignment, otherwise what the line says
         std::string value;
     };
     static Line read(const std::string& raw, const std::string& section);
-    // The index of the assignment that counts, or the number of lines.
-    std::size_t find(const std::string& section, const std::string& key) const;
+    // The number of lines up to the last one of the section that sets the key, or that is anything
+    // if `key` is null; 0 if there is none.
+    std::size_t countTo(const std::string& section, const std::string* key) const;
 
-    std::vector<Line> lines;
+    std::vector<Line> lines;  // those removed are empty: to close the gaps takes the square of them
+    std::string lineEnd;      // of the first line
 };

@@ -18,9 +18,6 @@ namespace {
 
 constexpr const char* newSuffix = ".pinwatchd-";
 constexpr const char* accessList = "system.posix_acl_access";
-constexpr mode_t permissions = 0777;
-constexpr mode_t groupPermissions = 070;
-constexpr mode_t noExecution = 0666;
 constexpr mode_t privateMode = 0600;                       // until the final one is set
 constexpr std::size_t maxSize = std::size_t{1024} * 1024;  // readers have little memory
 constexpr std::time_t day = 24L * 60 * 60;
@@ -39,8 +36,7 @@ struct Descriptor {
 
 std::uint64_t randomNumber() {
     std::uint64_t number = 0;
-    if (getrandom(&number, sizeof number, 0) < 0) return 0;
-    return number;
+    return getrandom(&number, sizeof number, 0) < 0 ? 0 : number;
 }
 
 bool copyAccessList(int from, int to) {
@@ -56,15 +52,14 @@ SharedFile::SharedFile(const std::string& filePath)
     : path(filePath), name(filePath.substr(filePath.rfind('/') + 1)) {}
 
 bool SharedFile::update(const Edit& edit) {
-    std::string folderPath = path.substr(0, path.size() - name.size());
-    if (folderPath.empty()) folderPath = ".";
-    const Descriptor opened(open(folderPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const std::string inside = path.substr(0, path.size() - name.size()) + ".";
+    const Descriptor opened(open(inside.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     directory = opened.number;
     // A lock that cannot be had would cost the changes of others, so it is no change without one.
     if (directory < 0 || fstat(directory, &folder) != 0 ||
         faccessat(directory, ".", W_OK | X_OK, AT_EACCESS) != 0 || flock(directory, LOCK_EX) != 0) {
         fail(errno);
-        problem = "directory " + folderPath + ": " + std::strerror(errno);
+        problem.insert(0, "directory of ");
         return false;
     }
     removeLeftovers();
@@ -112,7 +107,7 @@ SharedFile::Outcome SharedFile::replace(int oldFile, const std::string& text) {
     const std::string newName = name + newSuffix + std::to_string(randomNumber());
     const int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
     const Descriptor newFile(
-        openat(directory, newName.c_str(), flags, oldFile < 0 ? noExecution : privateMode));
+        openat(directory, newName.c_str(), flags, oldFile < 0 ? DEFFILEMODE : privateMode));
     if (newFile.number < 0) return fail(errno);
     const bool filled = fillNew(newFile.number, oldFile, text);
     const bool late = filled && !isUnchanged();
@@ -131,29 +126,28 @@ bool SharedFile::fillNew(int newFile, int oldFile, const std::string& text) cons
     if (write(newFile, text.data(), text.size()) != static_cast<ssize_t>(text.size())) return false;
     // Counted up where the clock is not ahead, so that no time comes back. What times a file had
     // that is gone nobody knows; this one it cannot have had.
-    timespec times[] = {{0, UTIME_OMIT}, {std::time(nullptr), 0}};
-    times[1].tv_sec = oldFile >= 0
-                          ? std::max(times[1].tv_sec, found.st_mtim.tv_sec + 1)
-                          : times[1].tv_sec + day + static_cast<long>(randomNumber() % halfYear);
+    std::time_t time = std::time(nullptr);
+    if (oldFile < 0) time += day + static_cast<long>(randomNumber() % halfYear);
+    const timespec times[] = {{0, UTIME_OMIT}, {std::max(time, found.st_mtim.tv_sec + 1), 0}};
     return futimens(newFile, times) == 0 && fsync(newFile) == 0;
 }
 
 bool SharedFile::copyAttributes(int newFile, int oldFile) const {
-    if (oldFile < 0 && geteuid() == 0) {
-        // Made by root, it is the directory owner's to change.
-        if (fchown(newFile, folder.st_uid, folder.st_gid) != 0) return false;
+    // Made by root, it is the directory owner's to change.
+    if (oldFile < 0 && geteuid() == 0 && fchown(newFile, folder.st_uid, folder.st_gid) != 0) {
+        return false;
     }
     const mode_t readersMore = folder.st_mode & ~found.st_mode & (S_IRGRP | S_IROTH);
     const bool isGroups = found.st_gid == folder.st_gid && readersMore == 0;
     if ((folder.st_mode & S_ISGID) != 0 && (oldFile < 0 || isGroups)) {
-        return fchmod(newFile, folder.st_mode & noExecution) == 0;
+        return fchmod(newFile, folder.st_mode & DEFFILEMODE) == 0;
     }
     if (oldFile < 0) return true;
     const bool owned = fchown(newFile, found.st_uid, found.st_gid) == 0;
     const bool grouped = owned || fchown(newFile, static_cast<uid_t>(-1), found.st_gid) == 0;
     fremovexattr(newFile, accessList);  // the directory's default one
-    const mode_t mode = found.st_mode & permissions;
-    if (fchmod(newFile, grouped ? mode : mode & ~groupPermissions) != 0) return false;
+    const mode_t mode = found.st_mode & ACCESSPERMS;
+    if (fchmod(newFile, grouped ? mode : mode & ~S_IRWXG) != 0) return false;
     return !grouped || copyAccessList(oldFile, newFile);
 }
 
@@ -168,10 +162,8 @@ void SharedFile::removeLeftovers() const {
 }
 
 bool SharedFile::isUnchanged() const {
-    struct stat now = {};
-    if (fstatat(directory, name.c_str(), &now, AT_SYMLINK_NOFOLLOW) != 0) {
-        return found.st_nlink == 0;
-    }
+    struct stat now = {};  // stays so where there is no file, as `found` does
+    fstatat(directory, name.c_str(), &now, AT_SYMLINK_NOFOLLOW);
     // Of the times the one that nobody sets, and that every change sets.
     return now.st_dev == found.st_dev && now.st_ino == found.st_ino &&
            now.st_nlink == found.st_nlink && now.st_uid == found.st_uid &&
@@ -180,13 +172,11 @@ bool SharedFile::isUnchanged() const {
 }
 
 SharedFile::Outcome SharedFile::fail(int error) {
-    const bool noInput = error == ENOENT || error == ENOTDIR || error == ELOOP;
-    const bool noRight = error == EACCES || error == EPERM || error == EROFS;
-    const bool noRoom = error == ENOSPC || error == EDQUOT;
-    return fail(std::strerror(error), noInput   ? EX_NOINPUT
-                                      : noRight ? EX_NOPERM
-                                      : noRoom  ? EX_CANTCREAT
-                                                : EX_IOERR);
+    int exitStatus = EX_IOERR;
+    if (error == ENOENT || error == ENOTDIR || error == ELOOP) exitStatus = EX_NOINPUT;
+    if (error == EACCES || error == EPERM || error == EROFS) exitStatus = EX_NOPERM;
+    if (error == ENOSPC || error == EDQUOT) exitStatus = EX_CANTCREAT;
+    return fail(std::strerror(error), exitStatus);
 }
 
 SharedFile::Outcome SharedFile::fail(const char* reason, int exitStatus) {

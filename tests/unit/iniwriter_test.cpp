@@ -27,13 +27,12 @@ TEST(IniTextTest, ChangesNothingButTheKey) {
         IniText ini(test.text);
         if (test.value) {
             ini.set(section, "K", test.value);
-            ASSERT_TRUE(ini.value(section, "K"));
-            EXPECT_EQ(*ini.value(section, "K"), test.value);
         } else {
             EXPECT_TRUE(ini.remove(&section, "K"));
-            EXPECT_FALSE(ini.value(section, "K"));
             EXPECT_FALSE(ini.remove(&section, "K"));
         }
+        const std::string* value = ini.value(section, "K");
+        EXPECT_EQ(value ? *value : "none", test.value ? test.value : "none");
         EXPECT_EQ(ini.text(), test.expected);
     }
 }
