@@ -147,7 +147,7 @@ bool SharedFile::copyAttributes(int newFile, int oldFile) const {
     const bool grouped = owned || fchown(newFile, static_cast<uid_t>(-1), found.st_gid) == 0;
     fremovexattr(newFile, accessList);  // the directory's default one
     const mode_t mode = found.st_mode & ACCESSPERMS;
-    if (fchmod(newFile, grouped ? mode : mode & ~S_IRWXG) != 0) return false;
+    if (fchmod(newFile, grouped ? mode : mode & ~mode_t{S_IRWXG}) != 0) return false;
     return !grouped || copyAccessList(oldFile, newFile);
 }
 
