@@ -135,6 +135,8 @@ std::string Broker::reasonOf(int result) {
     if (result >= firstRefusedReason) return mosquitto_reason_string(result);
     if (result == MOSQ_ERR_TLS && !libraryError.empty()) return libraryError;
     if (result == MOSQ_ERR_KEEPALIVE) return "no answer";
+    // So the library tells of an end within a message.
+    if (result == MOSQ_ERR_ERRNO && errno == 0) result = MOSQ_ERR_CONN_LOST;
     return mosquitto_strerror(result);
 }
 
