@@ -153,6 +153,10 @@ TEST(BridgeSettings, TellsTheSettingThatCannotBeUsed) {
         EXPECT_EQ(readBridgeSettings(path, settings), row.problem.empty());
         EXPECT_EQ(logged, row.problem.empty() ? "" : path + ": " + row.problem + "|");
     }
+    std::ofstream(path) << "";
+    BridgeSettings ofMachine;
+    ofMachine.name = "(none)";
+    EXPECT_FALSE(readBridgeSettings(path, ofMachine));
 }
 
 }  // namespace
