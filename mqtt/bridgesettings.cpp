@@ -20,8 +20,11 @@ constexpr int mostAlarms = 1000;
 
 bool isAny(const std::string&) { return true; }
 
+bool isGiven(const std::string& value) { return !value.empty(); }
+
 bool isFileToRead(const std::string& path) {
-    return path.empty() || access(path.c_str(), R_OK) == 0;
+    std::string text;
+    return path.empty() || readText(path, text);
 }
 
 bool isAbsolute(const std::string& path) { return path.compare(0, 1, "/") == 0; }
@@ -31,6 +34,7 @@ bool isSection(const std::string& name) { return !name.empty() && !iniHeader(nam
 bool isTopic(const std::string& topic) {
     return !topic.empty() && topic.front() != '/' && topic.back() != '/' &&
            topic.find_first_of("\"\\") == std::string::npos &&
+           mosquitto_validate_utf8(topic.data(), static_cast<int>(topic.size())) == 0 &&
            mosquitto_pub_topic_check(topic.c_str()) == MOSQ_ERR_SUCCESS;
 }
 
@@ -40,7 +44,7 @@ bool isTopicOrNone(const std::string& topic) { return topic.empty() || isTopic(t
 bool isName(const std::string& name) {
     constexpr const char* letters =
         "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-";
-    return name.find_first_not_of(letters) == std::string::npos;
+    return !name.empty() && name.find_first_not_of(letters) == std::string::npos;
 }
 
 struct TextSetting {
@@ -52,7 +56,7 @@ struct TextSetting {
 };
 
 constexpr TextSetting texts[] = {
-    {"broker", "Host", &BridgeSettings::host, isAny, ""},
+    {"broker", "Host", &BridgeSettings::host, isGiven, "is empty"},
     {"broker", "User", &BridgeSettings::user, isAny, ""},
     {"broker", "PasswordFile", &BridgeSettings::passwordFile, isFileToRead, "cannot be read"},
     {"broker", "CaFile", &BridgeSettings::caFile, isFileToRead, "cannot be read"},
@@ -62,7 +66,7 @@ constexpr TextSetting texts[] = {
     {"alarms", "Prefix", &BridgeSettings::prefix, isSection, "cannot name a section"},
     {"alarms", "File", &BridgeSettings::alarmsFile, isAbsolute, "is no absolute path"},
     {"status", "Topic", &BridgeSettings::statusTopic, isTopic, "is no topic"},
-    {"status", "Name", &BridgeSettings::name, isName, "has others than letters, digits, . _ -"},
+    {"status", "Name", &BridgeSettings::name, isAny, ""},
     {"status", "Discovery", &BridgeSettings::discovery, isTopicOrNone, "is no topic"},
 };
 
@@ -125,6 +129,7 @@ bool readBridgeSettings(const std::string& path, BridgeSettings& settings) {
         gethostname(host, sizeof host - 1);
         settings.name = host;
     }
+    if (!isName(settings.name)) refuse("status", "Name", "has others than letters, digits, . _ -");
     if ((settings.statusTopic + "/").compare(0, settings.topic.size() + 1, settings.topic + "/") ==
         0) {
         refuse("status", "Topic", "is among the alarms");

@@ -101,7 +101,7 @@ void Broker::run(std::chrono::milliseconds time) {
     if (subscribed && now >= nextEcho) sendEcho(unsaved);
     // One lost echo is a replay that may not be complete.
     if (connected && retained.isReplaying() &&
-        now - replayBegan > std::chrono::seconds(settings.silenceSeconds)) {
+        now - replayHeard > std::chrono::seconds(settings.silenceSeconds)) {
         subscribe();
     }
     const int result = mosquitto_loop(client, static_cast<int>(time.count()), 1);
@@ -135,6 +135,8 @@ std::string Broker::reasonOf(int result) {
     if (result >= firstRefusedReason) return mosquitto_reason_string(result);
     if (result == MOSQ_ERR_TLS && !libraryError.empty()) return libraryError;
     if (result == MOSQ_ERR_KEEPALIVE) return "no answer";
+    // So the library tells of an end within a message.
+    if (result == MOSQ_ERR_ERRNO && errno == 0) result = MOSQ_ERR_CONN_LOST;
     return mosquitto_strerror(result);
 }
 
@@ -166,7 +168,8 @@ void Broker::subscribe() {
     std::string echo = statusTopic("echo");
     char* const topics[] = {alarms.data(), echo.data()};
     retained.beginReplay();
-    replayBegan = Clock::now();
+    replayHeard = Clock::now();
+    replayEcho.clear();  // one under way ends no other replay than its own
     mosquitto_subscribe_multiple(client, nullptr, 2, topics, reliable,
                                  MQTT_SUB_OPT_RETAIN_AS_PUBLISHED, nullptr);
 }
@@ -211,6 +214,7 @@ void Broker::onMessage(const mosquitto_message& message) {
         onEcho(payload);
         return;
     }
+    replayHeard = Clock::now();
     AlarmMessage alarm = readAlarmMessage(settings.topic, message.topic, payload);
     if (!message.retain) {
         alarm.name.clear();
@@ -234,7 +238,7 @@ void Broker::tellRefusals(Clock::time_point now) {
 
 void Broker::onEcho(const std::string& payload) {
     if (retained.isReplaying()) {
-        if (payload != replayEcho) return;
+        if (replayEcho.empty() || payload != replayEcho) return;
         retained.endReplay();
         ++completeReplays;
         if (!lastProblem.empty() || completeReplays == 1) {

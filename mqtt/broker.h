@@ -75,13 +75,13 @@ private:
     bool subscribed = false;
     bool publishRefused = false;
     Clock::time_point heard;
-    Clock::time_point replayBegan;
+    Clock::time_point replayHeard;  // when it went on
     Clock::time_point nextAttempt;
     Clock::time_point nextEcho;
     std::string lastProblem;  // that was told, until it is over
     std::string libraryError;
     unsigned echoes = 0;
-    std::string replayEcho;  // the one that ends the replay
+    std::string replayEcho;  // the one that ends the replay, once it is sent
     unsigned completeReplays = 0;
     Clock::time_point refusalMinute;
     unsigned refusals = 0;  // in that minute

@@ -117,7 +117,7 @@ int bridge(const BridgeSettings& settings) {
         }
         if (isTimeToWrite || isTimeToLook) status.update(isUpToDate);
         // Of the alarms beyond the limit it is not known otherwise which have ended.
-        if (!retained.excessKey().empty() && now >= nextReplay) {
+        if (!retained.excessKey().empty() && !retained.isReplaying() && now >= nextReplay) {
             nextReplay = now + seconds(settings.silenceSeconds);
             broker.subscribe();
         }

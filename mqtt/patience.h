@@ -5,7 +5,7 @@
 #include <csignal>
 
 // While it exists, a call that waits (for a lock, for a connection) is interrupted by a signal
-// after 10 seconds, and fails with EINTR.
+// after 3 seconds, within which a broker awaits a sign of life, and fails with EINTR.
 class Patience {
 public:
     Patience() {
@@ -13,7 +13,7 @@ public:
         action.sa_handler = [](int) {};
         sigaction(SIGALRM, &action, nullptr);
         // Again each second: the first may come just before the call.
-        interrupt({{1, 0}, {10, 0}});
+        interrupt({{1, 0}, {3, 0}});
     }
     ~Patience() { interrupt({}); }
     Patience(const Patience&) = delete;

@@ -7,6 +7,7 @@
 
 #include "alarmmask.h"
 #include "alarmmessage.h"
+#include "patience.h"
 #include "textfile.h"
 
 namespace {
@@ -19,6 +20,7 @@ constexpr std::time_t unitSeconds = 300;  // after which it is too old
 std::string alarmOf(const std::string& path) {
     static constexpr const char* names[] = {"none", "ALARM1", "ALARM2"};
     IniFile alarms("");
+    const Patience patience;
     if (!alarms.load(path)) return "unknown";
     return names[evaluateAlarmMask(alarms)];
 }

@@ -131,11 +131,14 @@ TEST(BridgeSettings, TellsTheSettingThatCannotBeUsed) {
         {"[broker]\nPort = 0\n", "[broker] Port: is out of range"},
         {"[broker]\nPort = x\n", "[broker] Port: is not a number"},
         {"Host = x\n", "[] Host: there is no such setting"},
+        {"[broker]\nHost =\n", "[broker] Host: is empty"},
         {"[broker]\nCaFile = /none\n", "[broker] CaFile: cannot be read"},
+        {"[broker]\nCaFile = /\n", "[broker] CaFile: cannot be read"},
         {"[broker]\nPasswordFile = /dev/null\n", "[broker] User: is needed with a password"},
         {"[broker]\nCaFile = /dev/null\nCertFile = /dev/null\n",
          "[broker] CertFile: goes with KeyFile"},
         {"[alarms]\nTopic = a/#\n", "[alarms] Topic: is no topic"},
+        {"[alarms]\nTopic = caf\xe9\n", "[alarms] Topic: is no topic"},
         {"[alarms]\nPrefix = a]\n", "[alarms] Prefix: cannot name a section"},
         {"[alarms]\nFile = alarms\n", "[alarms] File: is no absolute path"},
         {"[alarms]\nTopic = a\n[status]\nTopic = a/b\n", "[status] Topic: is among the alarms"},
@@ -150,6 +153,10 @@ TEST(BridgeSettings, TellsTheSettingThatCannotBeUsed) {
         EXPECT_EQ(readBridgeSettings(path, settings), row.problem.empty());
         EXPECT_EQ(logged, row.problem.empty() ? "" : path + ": " + row.problem + "|");
     }
+    std::ofstream(path) << "";
+    BridgeSettings ofMachine;
+    ofMachine.name = "(none)";
+    EXPECT_FALSE(readBridgeSettings(path, ofMachine));
 }
 
 }  // namespace

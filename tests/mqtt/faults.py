@@ -182,6 +182,21 @@ def network_stops():
     output("ip", "address", "add", "10.0.0.1/32", "dev", "lo")
 
 
+def line_is_slow():
+    """The replay takes three times the silence."""
+    names = [word for number in range(90) for word in (f"slow/{number}", "ALARM1 " + "x" * 200)]
+    publish(*names)
+    wait_until(is_raised, "[mqtt/slow/89] alarm1")
+    stop(bridge, SIGTERM)
+    expected = len(held())
+    output(*"tc qdisc add dev lo root tbf rate 16kbit burst 2000 latency 1000s".split())
+    start_bridge()
+    wait_until(is_logged, "which holds")
+    assert is_logged(f"which holds {expected} alarms"), "takes a part for the whole"
+    output(*"tc qdisc del dev lo root".split())
+    publish(*(name if name.startswith("slow") else "" for name in names))
+
+
 def file_changes(*words):
     publish("a/door", "ALARM1")
     wait_until(is_raised, "[mqtt/a/door] alarm1")
@@ -189,13 +204,15 @@ def file_changes(*words):
     output(command, "--file", "alarms", "raise", "local")
 
 
-def file_is_locked():
+def file_is_locked(path):
     publish("a/door", "ALARM1")
-    directory = os.open(".", os.O_RDONLY)
-    fcntl.flock(directory, fcntl.LOCK_EX)
+    wait_until(is_raised, "[mqtt/a/door] alarm1")
+    locked = os.open(path, os.O_RDONLY)
+    fcntl.flock(locked, fcntl.LOCK_EX)
+    time.sleep(SILENCE)  # in which it only looks
     publish("a/door", "", "a/gate", "ALARM2")
     wait_until(is_logged, "cannot update the alarms file")
-    os.close(directory)
+    os.close(locked)
 
 
 def refused(reason, name, payload, retain=True):
@@ -280,9 +297,11 @@ FAULTS = [
     (broker_stops, SIGSTOP),
     (broker_stops, SIGKILL, "loses its store"),
     (network_stops,),
+    (line_is_slow,),
     (file_changes, "rm", "alarms"),
     (file_changes, command, "--file", "alarms", "clear", "--all"),
-    (file_is_locked,),
+    (file_is_locked, "."),
+    (file_is_locked, "alarms"),
     (refused, NO_ALARM, "a/door", "ALARM2" + "0" * 1000000),
     (refused, "ends in a blank or a bracket", "a/b]", "ALARM1"),
     (refused, "is not retained", "a/event", "ALARM2", False),
@@ -296,7 +315,7 @@ FAULTS = [
     (encrypted,),
 ]
 
-output("ip", "link", "set", "lo", "up")
+output("ip", "link", "set", "lo", "up", "mtu", "1500")
 output("ip", "address", "add", "10.0.0.1/32", "dev", "lo")
 os.mkdir("store")
 for name in ("own", "other"):
