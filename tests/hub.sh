@@ -8,7 +8,9 @@ qmp() {
     echo "$1" >&9
 }
 
+# The line's echo may have begun an object that never ends; the byte FF makes the monitor begin anew.
 negotiated() {
+    printf '\377' >&9
     qmp '{"execute": "qmp_capabilities"}'
     grep -q '"return": {}' /run/qmp
 }
