@@ -235,7 +235,9 @@ int main(int argc, char* argv[]) {
     if (command == "test") finish(lampTest(path, options.noWait ? 0 : seconds, changeFile));
     if (command == "show") finish(show(path));
     changeFile(path, edit);
-    alarm(patienceSeconds);
-    if (options.wait) awaitShown(path, waitMs);
+    if (options.wait) {
+        alarm(patienceSeconds);  // it reads the file, which may be locked
+        awaitShown(path, waitMs);
+    }
     return EX_OK;
 }
