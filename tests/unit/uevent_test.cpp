@@ -138,6 +138,23 @@ TEST_F(MonitorTest, KeepsWhatComesWhileAUnitIsOpened) {
     EXPECT_TRUE(monitor.takeOverrun(true));
 }
 
+TEST_F(MonitorTest, EndsWithItsBacklogThoughEventsHaveNoEnd) {
+    UeventMonitor monitor;
+    int looks = 0;
+    world.onReceive = [&] {
+        if (++looks > 1000) return;
+        // More than the socket holds: then some looks find only that events were lost.
+        for (int i = 0; i < 10; ++i) send(usbEvent("bind", "004"));
+    };
+    send(usbEvent("bind", "004"));
+    monitor.keepArrivalBacklog();
+    EXPECT_EQ(looks, 64);
+
+    looks = 0;
+    monitor.settle();
+    EXPECT_LT(looks, 64);
+}
+
 TEST_F(MonitorTest, TellsWhetherTheDeviceStays) {
     struct Case {
         const char *action, *attribute, *node;

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdarg>
 #include <cstring>
 #include <filesystem>
@@ -156,6 +157,14 @@ int setlogmask(int mask) {
     world.add("setlogmask 0x%x", static_cast<unsigned>(mask));
     logMask = mask;
     return 0;
+}
+
+ssize_t recv(int fd, void* buffer, size_t size, int flags) {
+    const ssize_t length = recvfrom(fd, buffer, size, flags, nullptr, nullptr);
+    const int error = errno;
+    if (world.onReceive) world.onReceive();
+    errno = error;
+    return length;
 }
 
 int isatty(int) { return world.terminal ? 1 : 0; }

@@ -18,6 +18,7 @@ struct World {
     std::string trace;
     // Called for each new line, so that a test can act in the middle of a run.
     std::function<void(const std::string&)> onTrace;
+    std::function<void()> onReceive;  // called after each look into a socket
 
     std::map<std::string, std::deque<int>> results;  // by call, used up in order; then success
     unsigned short eepromWord = 0x00aa;
