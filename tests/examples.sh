@@ -32,6 +32,10 @@ for text in 'ALARM1=open since 10:42' 'ALARM2=' '[none]'; do
     previous=$seconds
 done
 
+# An option is no file.
+(cd "$disk/folder" && "$publish" --help </dev/null && ! "$publish" -x </dev/null)
+holds '[none]'
+
 # One publisher at a time.
 flock -s "$disk/folder" timeout 1 "$publish" "$alarms" <<<ALARM1=1 || [ $? -eq 124 ]
 holds '[none]'

@@ -1,8 +1,9 @@
 #!/usr/bin/python3
-"""publish.py FILE: replaces the alarms file FILE by standard input. A reader sees the old text
-or the new one, never a part, and always another time.
+"""Replaces the alarms file FILE by standard input. A reader sees the old text or the new one, never
+a part, and always another time.
 """
 
+import argparse
 import fcntl
 import os
 import signal
@@ -50,6 +51,6 @@ def replace(folder, path, text):
 
 
 if __name__ == "__main__":
-    if len(sys.argv) != 2:
-        sys.exit("usage: publish.py FILE")
-    publish(sys.argv[1], sys.stdin.read())
+    arguments = argparse.ArgumentParser(description=__doc__)
+    arguments.add_argument("file", metavar="FILE")
+    publish(arguments.parse_args().file, sys.stdin.read())
