@@ -118,7 +118,6 @@ void UeventMonitor::keepArrivalBacklog() {
     for (std::size_t tries = 0; tries < maxBacklog && backlog.size() < maxBacklog; ++tries) {
         if (!keepNext(&noWait)) break;
     }
-    arrivalBacklog = backlog.size();
 }
 
 bool UeventMonitor::tellsOfArrival() const { return eventIsOfArrival && event.deviceStays(); }
@@ -185,8 +184,7 @@ bool UeventMonitor::readEvent(int vendorId, int productId, const std::string& wa
     if (!backlog.empty()) {
         event = std::move(backlog.front());
         backlog.pop_front();
-        eventIsOfArrival = arrivalBacklog > 0;
-        if (eventIsOfArrival) --arrivalBacklog;
+        eventIsOfArrival = true;
     } else {
         const bool endless = watchedPath.empty() && !overrun;
         if (!waitReadable(endless ? nullptr : &oneSecond)) return false;

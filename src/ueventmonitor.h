@@ -86,8 +86,7 @@ private:
     std::optional<Uevent> receive();
 
     std::deque<Uevent> backlog;
-    std::size_t arrivalBacklog = 0;  // how many of its first tell of the open unit's arrival
-    Uevent event;                    // the one handled last, and what it is:
+    Uevent event;  // the one handled last, and what it is:
     bool eventIsOfArrival = false;
     bool removalReported = false;
     Uevent arrival;  // the event that `nodePath` is from
