@@ -74,10 +74,6 @@ meanwhile raises replug 1500 700 1500
 END
 )
 
-# README's figures times two, in ms: from plugging in to the pins, mean; from the alarm, mean and longest.
-plugMean=1070 alarmMean=1046 alarmLongest=2040
-timely=5 # hundredths of a second: so long a look takes at worst on a machine that has the time
-times=/run/times
 overlayFile=/var/opt/orvel/etc/orvel.conf
 cycle='wait for vid=0000'
 
@@ -497,28 +493,6 @@ calm() {
     expect [ "$fds" -eq "$firstFds" ]
 }
 
-# took NAME BEGIN END: notes the times between two lines of the unit's log, by the unit's clock, and
-# how long this machine took for a look meanwhile.
-took() {
-    awk -v name="$1" -v from="$2" -v to="$3" -v late="$late" '
-        $0 ~ from { began = $1 }
-        / unplugged/ { began = "" }
-        began && $0 ~ to { print name, int(($1 - began) * 1000), late; began = "" }' "$simLog" >>"$times"
-    late=0
-}
-
-# quickEnough NAME MEAN LONGEST: prints the times of that name, and fails where they are longer. Those
-# when the machine itself was late do not count, and none does where those are more than a few.
-quickEnough() {
-    awk -v name="$1" -v timely="$timely" -v mean="$2" -v longest="$3" '
-        $1 == name { ++all }
-        $1 == name && $3 <= timely { ++n; sum += $2; if ($2 > top) top = $2 }
-        END { printf "%s to pins: %d times, %d of them on a machine with time", name, all, n
-            if (n) printf ": mean %d ms, longest %d ms", sum / n, top
-            print ""
-            exit n >= 3 && n * 4 >= all * 3 && (sum / n > mean || top > longest) }' "$times" || fail "too slow"
-}
-
 # ---- The course ----
 
 # run LINE: the fault, two alarms, each written once, and calm.
@@ -531,18 +505,13 @@ run() {
     tail -n 1 "$simLog" >"$simLog.last"
     cat "$simLog.last" >"$simLog"
     clearLog
-    late=0
     eval "$1"
     show
-    case $1 in replug*) took plug ' plugged ' ' pins=0' ;; esac
     writes=$(grep -c ' bit mode ' "$simLog")
     # At any moment of the daemon's cycle.
     random 1000
     usleep "${r}000"
-    sim pins 0 auto
-    late=0
     show
-    took alarm ' pins auto$' ' bit mode '
     [ -n "$mayReopen" ] || expect [ "$(grep -c ' bit mode ' "$simLog")" -eq $((writes + 1)) ]
     calm
     uptimeCs
@@ -585,6 +554,4 @@ fi
 stopDaemon
 expect daemonEndedWith 0
 expect pinsAre 0 floating
-quickEnough alarm $alarmMean $alarmLongest
-quickEnough plug $plugMean $alarmLongest
 echo "passed: $lines faults"

@@ -39,6 +39,7 @@ bounce() {
 
 # More than the daemon's socket holds comes while it is stopped.
 loss() {
+    clearLog
     startDaemon --ignore-sigpipe
     await logged 'wait for vid=0403'
     kill -STOP "$daemonPid"

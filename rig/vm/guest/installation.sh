@@ -18,7 +18,6 @@ for rootHub in /sys/devices/platform/vhci_hcd.0/usb[0-9]*; do
     [ "$(cat "$rootHub/speed" 2>/dev/null)" != 480 ] || unitBus=${rootHub##*/usb}
 done
 limit=180 # seconds for what takes one or two on a machine that has the time
-late=0    # see await
 
 # ---- Waiting ----
 
@@ -37,9 +36,8 @@ if ! command -v usleep >/dev/null; then
 fi
 
 # await COMMAND...: runs the command until it succeeds; the script fails when it has not after `limit`.
-# Notes in `late` how long it took at worst to look and to wake up again.
 await() {
-    local end before
+    local end
     uptimeCs
     end=$((uptime + limit * 100))
     until "$@"; do
@@ -47,10 +45,8 @@ await() {
             fail "waited $limit seconds for: $*"
             return 1
         }
-        before=$uptime
         usleep 10000
         uptimeCs
-        [ "$late" -ge $((uptime - before)) ] || late=$((uptime - before))
     done
 }
 
