@@ -6,6 +6,7 @@
 #   rig/vm/run tests/course.sh                each line of the table
 #   rig/vm/run tests/course.sh --only replug  its lines with this text
 #   rig/vm/run tests/course.sh --daemon       without those that try the command's check and lamp test
+#   rig/vm/run tests/course.sh --unit         and without those that try files only
 #
 # A line is a command of the shell: FAULT ARGUMENT..., or a prefix before it that makes a second
 # fault at the same time.
@@ -519,9 +520,11 @@ run() {
     echo "ok, $(((uptime - began + 50) / 100)) s, $private kB"
 }
 
-daemonOnly='' only='' mayGrow='' lines=0 mask=0 seed=1
+without='' only='' mayGrow='' lines=0 mask=0 seed=1
+command='critical lampTests meanwhile'
 case ${1:-} in
---daemon) daemonOnly=1 ;;
+--daemon) without=$command ;;
+--unit) without="$command alarm badFile noFile locked sources settings" ;;
 --only) only=$2 ;;
 esac
 # For a build with sanitizers: what is freed is kept from being used again, but not for ever.
@@ -540,10 +543,8 @@ set -- $table
 set +f
 unset IFS
 for line; do
-    case $daemonOnly$line in
-    1critical* | 1lampTests* | 1meanwhile*) ;;
-    *"$only"*) run "$line" ;;
-    esac
+    case " $without " in *" ${line%% *} "*) continue ;; esac
+    case $line in *"$only"*) run "$line" ;; esac
 done
 firstPrivate=$private # the heap has seen all there is
 if [ -n "$mayGrow" ]; then
