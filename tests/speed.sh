@@ -1,6 +1,7 @@
 # shellcheck shell=dash disable=SC2154 # variables of installation.sh
 # How soon an alarm, and a unit that was plugged in, are at the pins, by the unit's own clock: at most
-# twice what README says. Judged on a machine only that has the time; run it with rig/vm/run alone.
+# twice what README says. It judges only on a machine that has the time: run it with rig/vm/run, and
+# nothing beside it.
 
 # README's figures times two, in ms.
 plugMean=1070 alarmMean=1046 alarmLongest=2040
@@ -8,7 +9,7 @@ ownPace=20 # hundredths of a second, twice what `work` takes where nothing else 
 times=/run/times
 slowest=0
 
-# work: notes in `slowest` how long the machine took at worst for always the same.
+# work: counts to 1000, and notes in `slowest` how long the machine took for that at worst.
 work() {
     local turn=0 began
     uptimeCs
